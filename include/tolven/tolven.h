@@ -1,0 +1,9 @@
+// Every public header of the library.
+#pragma once
+
+#include "tolven/autothread.h"
+#include "tolven/event.h"
+#include "tolven/exslots.h"
+#include "tolven/quicklock.h"
+#include "tolven/refobj.h"
+#include "tolven/tickcounter.h"

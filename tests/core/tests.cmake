@@ -1,0 +1,4 @@
+tolven_add_test(core CONCURRENCY SOURCES
+    core/refobj_test.cpp
+    core/event_test.cpp
+    core/exslots_test.cpp)

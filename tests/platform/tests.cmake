@@ -1,0 +1,2 @@
+tolven_add_test(platform CONCURRENCY SOURCES
+    platform/critical_section_test.cpp)

@@ -1,0 +1,2 @@
+tolven_add_test(threads CONCURRENCY SOURCES
+    threads/autothread_test.cpp)

@@ -1,0 +1,6 @@
+# Core primitives: reference counting, light locks, the tick counter, events, thread slots.
+list(APPEND TOLVEN_SOURCES
+    utils/core/ReferencedObj.cpp
+    utils/core/OrrelTickCounter.cpp
+    utils/core/Event.cpp
+    utils/core/ExTls.cpp)

@@ -1,0 +1,17 @@
+# Platform layer: the only sources that call the operating system.
+if(WIN32)
+    list(APPEND TOLVEN_SOURCES
+        utils/platform/critical_section_win32.cpp
+        utils/platform/thread_win32.cpp
+        utils/platform/clock_win32.cpp
+        utils/platform/tls_win32.cpp)
+    set(TOLVEN_PLATFORM_LIBS)
+else()
+    list(APPEND TOLVEN_SOURCES
+        utils/platform/critical_section_posix.cpp
+        utils/platform/thread_posix.cpp
+        utils/platform/clock_posix.cpp
+        utils/platform/tls_posix.cpp)
+    set(TOLVEN_PLATFORM_LIBS dl rt)
+endif()
+list(APPEND TOLVEN_SOURCES utils/platform/atomic_x86_64.cpp)

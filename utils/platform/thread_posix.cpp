@@ -1,0 +1,71 @@
+#include "platform/thread.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+namespace TOLVEN::platform {
+namespace {
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_tid = 0;
+
+// Windows priorities on the nice scale: higher priority is a lower nice value.
+int NiceFor(int priority) noexcept {
+    if (priority >= 15) return -20;
+    if (priority >= 2) return -10;
+    if (priority == 1) return -5;
+    if (priority == 0) return 0;
+    if (priority == -1) return 5;
+    return 10;
+}
+}  // namespace
+
+uint32_t CurrentThreadId() noexcept {
+    uint32_t id = t_tid;
+    if (__builtin_expect(id == 0, 0)) {
+        id = static_cast<uint32_t>(::syscall(SYS_gettid));
+        t_tid = id;
+    }
+    return id;
+}
+
+void* CurrentThreadHandle() noexcept {
+    return reinterpret_cast<void*>(::pthread_self());
+}
+
+void SetCurrentThreadName(const char* name) noexcept {
+    if (name == nullptr) return;
+    char cut[16];
+    std::strncpy(cut, name, sizeof(cut) - 1);
+    cut[sizeof(cut) - 1] = '\0';
+    ::pthread_setname_np(::pthread_self(), cut);
+}
+
+bool SetThreadPriority(uint32_t threadId, int priority) noexcept {
+    if (threadId == 0) return false;
+    errno = 0;
+    return ::setpriority(PRIO_PROCESS, static_cast<id_t>(threadId), NiceFor(priority)) == 0;
+}
+
+void SleepMs(uint32_t ms) noexcept {
+    timespec ts{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+    while (::nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+void YieldThread() noexcept {
+    ::sched_yield();
+}
+
+void CpuRelax() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
+}  // namespace TOLVEN::platform
