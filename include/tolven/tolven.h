@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tolven/autothread.h"
+#include "tolven/blobtime.h"
 #include "tolven/event.h"
 #include "tolven/exslots.h"
 #include "tolven/quicklock.h"
