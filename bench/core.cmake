@@ -1,1 +1,1 @@
-
+tolven_add_bench(core SOURCES core_bench.cpp)

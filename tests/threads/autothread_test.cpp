@@ -63,14 +63,17 @@ TEST_F(AutoThread, ThreadThatReturnsAtOnceLeavesTheRegistryAndCanRelaunch) {
 TEST_F(AutoThread, JoinFromItselfFailsAndDefaultNameApplies) {
     auto_thread t;
     std::atomic<int> selfJoin{-1};
-    std::atomic<bool> go{false};
+    std::atomic<bool> go{false}, launched{false};
     std::string name;
     ASSERT_TRUE(t.launch(nullptr, [&] {
         name = GetCurrentThreadData()->name;
+        while (!launched)
+            std::this_thread::yield();  // the owner has finished launch
         selfJoin = t.join() ? 1 : 0;
         while (!go)
             std::this_thread::yield();
     }));
+    launched = true;
     while (selfJoin < 0)
         std::this_thread::yield();
     EXPECT_EQ(selfJoin.load(), 0);
@@ -119,6 +122,16 @@ TEST_F(AutoThread, ForeignThreadGetsMainShutdownEventAndFreshDetectors) {
         ReturnToCache(det);  // no record: released
     }).join();
     EXPECT_EQ(seen, mainEvent);
+
+    // A foreign thread that configures itself is listed while it runs and leaves at its end.
+    bool listedWhileRunning = false;
+    std::thread([&] {
+        ConfigureCurrentThread("foreign", nullptr, nullptr);
+        listedWhileRunning = IsRegistered("foreign");
+        EXPECT_EQ(GetShutdownEvent(), mainEvent) << "no event of its own";
+    }).join();
+    EXPECT_TRUE(listedWhileRunning);
+    EXPECT_FALSE(IsRegistered("foreign"));
 }
 
 TEST_F(AutoThread, DetectorCacheHoldsFiveAndReusesThem) {
@@ -156,8 +169,8 @@ TEST_F(AutoThread, DetachedThreadKeepsItsShutdownEvent) {
         }));
         t.detach();
         EXPECT_FALSE(t.joinable());
-        go = true;
     }
-    while (!done)
+    go = true;
+    while (!done || IsRegistered("detached"))
         std::this_thread::yield();
 }

@@ -12,6 +12,9 @@ namespace TOLVEN {
 namespace {
 
 class thread_details_private final : public thread_details {
+  public:
+    using thread_details::remove;
+
   protected:
     void destroy_data(thread_data* data) override {
         for (EventDetectorType*& d : data->detectorCache) {
@@ -22,15 +25,27 @@ class thread_details_private final : public thread_details {
     }
 };
 
+void OnConfiguredThreadExit(void*);
+
 // The slot that holds each configured thread's record. Allocated once, thread-safely,
 // so that lock-free readers never see it half-written.
 const SlotDetails& ThreadSlot() {
     static const SlotDetails slot = [] {
         SlotDetails s;
-        (void)ExTlsAlloc(&s, nullptr, nullptr);
+        (void)ExTlsAlloc(&s, nullptr, &OnConfiguredThreadExit);
         return s;
     }();
     return slot;
+}
+
+// A thread that configured itself without auto_thread leaves the registry when it ends;
+// auto_thread bodies have already left by then and find their slot empty.
+void OnConfiguredThreadExit(void*) {
+    const auto* data = static_cast<thread_details::thread_data*>(ExTlsGet(&ThreadSlot()));
+    if (data == nullptr) return;
+    const std::thread::id id = data->id;
+    (void)ExTlsSet(&ThreadSlot(), nullptr);
+    (void)static_cast<thread_details_private&>(thread_details::get()).remove(id);
 }
 
 detail::CriticalSection& ConfigSection() {
@@ -54,9 +69,10 @@ void OnAutoThreadExit() {}
 
 // ---- registry --------------------------------------------------------------------------
 
+// Never destroyed: detached threads may still leave the registry while the process exits.
 thread_details& thread_details::get() {
-    static thread_details_private instance;
-    return instance;
+    static thread_details_private* instance = new thread_details_private;
+    return *instance;
 }
 
 bool thread_details::add(thread_data* data) {
