@@ -45,6 +45,8 @@ mkdir -p "$WINEPREFIX"
 # of the previous one to leave.
 wineserver -p
 trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
+# Set the prefix up before CTest: the first Wine program starts Wine's service processes,
+# which inherit its output and keep it open; started by a test, they would hold CTest's pipe.
 if ! wineboot --init >"$BUILD/wineboot.log" 2>&1; then
     cat "$BUILD/wineboot.log" >&2
     echo "windows leg: could not set up the Wine prefix" >&2
