@@ -16,8 +16,13 @@ TEST(CriticalSection, IsRecursiveAndExcludesOtherThreads) {
     ASSERT_TRUE(cs.TryEnter());  // re-entry by the owner
     EXPECT_TRUE(cs.IsOwnedByCaller());
     bool otherGotIt = true;
-    std::thread([&] { otherGotIt = cs.TryEnter(); }).join();
+    bool otherOwns = true;
+    std::thread([&] {
+        otherGotIt = cs.TryEnter();
+        otherOwns = cs.IsOwnedByCaller();
+    }).join();
     EXPECT_FALSE(otherGotIt);
+    EXPECT_FALSE(otherOwns);
     cs.Leave();
     std::thread([&] { otherGotIt = cs.TryEnter(); }).join();
     EXPECT_FALSE(otherGotIt) << "one Leave of two entries must keep the section owned";

@@ -37,6 +37,7 @@ TEST_F(AutoThread, ParkedThreadIsListedAndStoppedByShutdownEvent) {
         ReturnToCache(det);
     }));
     EXPECT_NE(t.native_id(), 0u);
+    EXPECT_NE(t.native_handle(), nullptr);
     while (!parked)
         std::this_thread::yield();
     EXPECT_EQ(seenId.load(), t.native_id());

@@ -1,6 +1,7 @@
 // Thread identity, names, priorities, sleep and processor hints.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace TOLVEN::platform {
@@ -14,6 +15,10 @@ void* CurrentThreadHandle() noexcept;
 // Names the calling thread for debuggers and tools. The OS copy may be cut (15 characters
 // on Linux); callers keep the full name themselves.
 void SetCurrentThreadName(const char* name) noexcept;
+
+// Copies the calling thread's name as the OS keeps it into `out` (always terminated).
+// False when the OS keeps no name or cannot say (Windows before 10).
+bool GetCurrentThreadName(char* out, size_t size) noexcept;
 
 // Sets the scheduling priority of the thread with OS id `threadId`, on the Windows scale
 // (-2, -1, 0, 1, 2, 15). False when the OS refuses, for instance for want of privilege.

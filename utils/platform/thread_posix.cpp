@@ -46,6 +46,18 @@ void SetCurrentThreadName(const char* name) noexcept {
     ::pthread_setname_np(::pthread_self(), cut);
 }
 
+bool GetCurrentThreadName(char* out, size_t size) noexcept {
+    if (out == nullptr || size == 0) return false;
+    char name[64];
+    if (::pthread_getname_np(::pthread_self(), name, sizeof(name)) != 0) {
+        out[0] = '\0';
+        return false;
+    }
+    std::strncpy(out, name, size - 1);
+    out[size - 1] = '\0';
+    return true;
+}
+
 bool SetThreadPriority(uint32_t threadId, int priority) noexcept {
     if (threadId == 0) return false;
     errno = 0;

@@ -207,10 +207,18 @@ bool auto_thread::start(const char* name, unsigned int priority, std::function<v
     }
     thread_ = std::move(t);
     // The new thread publishes its OS id first thing; wait for it so that the id is known
-    // to the owner from the moment launch returns.
+    // to the owner from the moment launch returns. The wait is short, so it polls, yielding:
+    // std::atomic::wait loses wake-ups where the standard library has no futex to build on
+    // (libstdc++ 12 for Windows checks the value and parks without holding the lock that
+    // notify would need).
     uint32_t id;
-    while ((id = events_->nativeId.load(std::memory_order_acquire)) == 0)
-        events_->nativeId.wait(0, std::memory_order_acquire);
+    for (uint32_t polls = 0; (id = events_->nativeId.load(std::memory_order_acquire)) == 0;
+         ++polls) {
+        if (polls < 100)
+            platform::YieldThread();
+        else
+            platform::SleepMs(1);
+    }
     id_ = id;
     return true;
 }
@@ -218,7 +226,6 @@ bool auto_thread::start(const char* name, unsigned int priority, std::function<v
 void auto_thread::thread_setup(event_refcount* events, std::string name, unsigned int priority,
                                std::function<void()> function) {
     events->nativeId.store(platform::CurrentThreadId(), std::memory_order_release);
-    events->nativeId.notify_all();
     ConfigureCurrentThread(name.c_str(), &priority, &events->event);
     function();
     // Unhook the record before it is destroyed, so nothing on this thread reads it again.
