@@ -3,6 +3,7 @@
 
 #include "tolven/autothread.h"
 #include "tolven/blobtime.h"
+#include "tolven/configreader.h"
 #include "tolven/event.h"
 #include "tolven/exslots.h"
 #include "tolven/quicklock.h"

@@ -1,1 +1,3 @@
-# config subsystem
+# Configuration: the reader contract and the memory reader.
+list(APPEND TOLVEN_SOURCES
+    utils/config/ConfigReader.cpp)
