@@ -109,6 +109,10 @@ inline const char* ConfigSectionName(const char* section) noexcept {
 }
 // Compares two names byte by byte as unsigned, folding A to Z to lower case; <0, 0 or >0.
 int CompareConfigNames(const char* a, const char* b) noexcept;
+// Unsigned 32-bit decimal conversion in the manner of strtoul: leading white space, an
+// optional sign ('-' negates modulo 2^32), digits; overflow saturates at 4294967295. The
+// result lands in *value in any case; returns false when no digit was used.
+bool ParseConfigUINT(const char* text, unsigned int* value) noexcept;
 }  // namespace detail
 
 class MemoryConfigReaderImpl;

@@ -60,6 +60,40 @@ int CompareConfigNames(const char* a, const char* b) noexcept {
     }
 }
 
+bool ParseConfigUINT(const char* text, unsigned int* value) noexcept {
+    unsigned int result = 0;
+    bool used = false;
+    if (text != nullptr) {
+        const char* p = text;
+        while (*p == ' ' || (*p >= '\t' && *p <= '\r'))
+            ++p;
+        bool negative = false;
+        if (*p == '+' || *p == '-') {
+            negative = (*p == '-');
+            ++p;
+        }
+        uint64_t number = 0;
+        bool overflow = false;
+        for (; *p >= '0' && *p <= '9'; ++p) {
+            used = true;
+            if (!overflow) {
+                number = number * 10 + static_cast<uint64_t>(*p - '0');
+                if (number > 0xFFFFFFFFull) overflow = true;
+            }
+        }
+        if (used) {
+            if (overflow) {
+                result = 0xFFFFFFFFu;
+            } else {
+                result = static_cast<unsigned int>(number);
+                if (negative) result = 0u - result;
+            }
+        }
+    }
+    if (value != nullptr) *value = result;
+    return used;
+}
+
 }  // namespace detail
 
 }  // namespace TOLVEN
