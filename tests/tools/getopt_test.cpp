@@ -71,7 +71,7 @@ TEST(GetOpt, StopsOnTheFinalWordAndOnNonOptions) {
 
 TEST(GetOpt, SpecIsAPlainSubstringSearch) {
     const char* value = nullptr;
-    // ':' occurs in the spec, so "-:" is a flag; "::" is not in it.
+    // ':' occurs in the option list, so "-:" is a flag; "::" is not in it.
     Words colon{"-:", "x"};
     EXPECT_EQ(GetOpt(colon.argc, colon.argv, "a:b", &value), ':');
     // An argc of 2 is enough for a value in the next word; both words go.
