@@ -4,6 +4,7 @@ if(WIN32)
         utils/platform/critical_section_win32.cpp
         utils/platform/thread_win32.cpp
         utils/platform/clock_win32.cpp
+        utils/platform/timezone_win32.cpp
         utils/platform/tls_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS)
 else()
@@ -11,6 +12,7 @@ else()
         utils/platform/critical_section_posix.cpp
         utils/platform/thread_posix.cpp
         utils/platform/clock_posix.cpp
+        utils/platform/timezone_posix.cpp
         utils/platform/tls_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
