@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tolven/autothread.h"
+#include "tolven/blobstatus.h"
 #include "tolven/blobtime.h"
 #include "tolven/configreader.h"
 #include "tolven/event.h"
@@ -11,3 +12,4 @@
 #include "tolven/refobj.h"
 #include "tolven/tickcounter.h"
 #include "tolven/versioninfo.h"
+#include "tolven/utilerror.h"

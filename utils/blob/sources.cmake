@@ -1,3 +1,6 @@
 # Blob: the message, its typed fields and the time records.
 list(APPEND TOLVEN_SOURCES
-    utils/blob/BlobTime.cpp)
+    utils/blob/BlobStatus.cpp
+    utils/blob/BlobTime.cpp
+    utils/blob/BlobTimeParse.cpp
+    utils/blob/TimeZoneStandard.cpp)

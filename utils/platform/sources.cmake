@@ -6,7 +6,8 @@ if(WIN32)
         utils/platform/clock_win32.cpp
         utils/platform/tls_win32.cpp
         utils/platform/host_win32.cpp
-        utils/platform/process_win32.cpp)
+        utils/platform/process_win32.cpp
+        utils/platform/timezone_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS version psapi)
 else()
     list(APPEND TOLVEN_SOURCES
@@ -15,7 +16,8 @@ else()
         utils/platform/clock_posix.cpp
         utils/platform/tls_posix.cpp
         utils/platform/host_posix.cpp
-        utils/platform/process_posix.cpp)
+        utils/platform/process_posix.cpp
+        utils/platform/timezone_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 list(APPEND TOLVEN_SOURCES
