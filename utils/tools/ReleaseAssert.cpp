@@ -67,10 +67,13 @@ int _CSReleaseAssert(const char* file, int line, const char* module, const char*
         std::vsnprintf(message, sizeof message, format, args);
         va_end(args);
     }
+    // The record is cut at the buffer's end by design; the length is not needed.
     char text[2048];
-    std::snprintf(text, sizeof text, "PID=%u File=%s Line=%i Module=%s\nText=%s\n",
-                  static_cast<unsigned>(platform::CurrentProcessId()), file != nullptr ? file : "",
-                  line, module != nullptr ? module : "", message);
+    if (std::snprintf(text, sizeof text, "PID=%u File=%s Line=%i Module=%s\nText=%s\n",
+                      static_cast<unsigned>(platform::CurrentProcessId()),
+                      file != nullptr ? file : "", line, module != nullptr ? module : "",
+                      message) < 0)
+        text[0] = '\0';
 
     // An application name that cannot be had leaves the file name "_assert.txt".
     char application[260];
