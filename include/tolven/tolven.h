@@ -7,4 +7,5 @@
 #include "tolven/exslots.h"
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"
+#include "tolven/rwlock.h"
 #include "tolven/tickcounter.h"
