@@ -65,7 +65,10 @@ rwl_status ReadWriteLock_pr::LockWriterImpl(unsigned int, bool tryOnly) {
         if (tryOnly) return rwl_busy;
         detail::EnterHouse(mainLock);
     }
-    if (writerCount.fetch_add(1, std::memory_order_relaxed) != 0) return rwl_success;
+    // writerCount changes only under mainLock; it is atomic for the inspection accessor.
+    const uint64_t depth = writerCount.load(std::memory_order_relaxed) + 1;
+    writerCount.store(depth, std::memory_order_relaxed);
+    if (depth != 1) return rwl_success;
     writerThread = platform::CurrentThreadId();
     // Ended threads are dropped; every other reader's section is entered, which waits for
     // that reader to leave and keeps it out until UnlockWriter.
@@ -83,7 +86,9 @@ rwl_status ReadWriteLock_pr::LockWriterImpl(unsigned int, bool tryOnly) {
 }
 
 rwl_status ReadWriteLock_pr::UnlockWriter(void) {
-    if (writerCount.fetch_sub(1, std::memory_order_relaxed) == 1) {
+    const uint64_t depth = writerCount.load(std::memory_order_relaxed);
+    writerCount.store(depth - 1, std::memory_order_relaxed);
+    if (depth == 1) {
         writerThread = 0xFFFFFFFFu;
         for (ThreadData* td : readers)
             td->cs.Leave();
