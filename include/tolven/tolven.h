@@ -3,9 +3,12 @@
 
 #include "tolven/autothread.h"
 #include "tolven/blobtime.h"
+#include "tolven/configreader.h"
 #include "tolven/event.h"
 #include "tolven/exslots.h"
+#include "tolven/osutils.h"
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"
 #include "tolven/rwlock.h"
 #include "tolven/tickcounter.h"
+#include "tolven/versioninfo.h"

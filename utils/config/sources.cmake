@@ -1,1 +1,4 @@
-# config subsystem
+# Configuration: the reader contract and the memory reader.
+list(APPEND TOLVEN_SOURCES
+    utils/config/ConfigReader.cpp
+    utils/config/MemoryConfigReader.cpp)

@@ -1,0 +1,2 @@
+tolven_add_test(config CONCURRENCY SOURCES
+    config/memoryconfigreader_test.cpp)

@@ -1,0 +1,105 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "platform/process.h"
+#include "tolven/osutils.h"
+
+using namespace TOLVEN;
+
+namespace {
+
+struct Recorded {
+    release_assert_action answer = release_assert_ignore;
+    int calls = 0;
+    std::string text;
+};
+
+release_assert_action Record(const char* text, void* context) {
+    auto* r = static_cast<Recorded*>(context);
+    ++r->calls;
+    r->text = text;
+    return r->answer;
+}
+
+// Runs a test in a fresh current directory with a recording handler, restoring both.
+class ReleaseAssert : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        old_ = std::filesystem::current_path();
+        dir_ = std::filesystem::temp_directory_path() /
+               ("tolven_assert_" + std::to_string(platform::CurrentProcessId()));
+        std::filesystem::create_directories(dir_);
+        std::filesystem::current_path(dir_);
+        previous_ = SetReleaseAssertHandler(&Record, &recorded_, &previousContext_);
+    }
+    void TearDown() override {
+        SetReleaseAssertHandler(previous_, previousContext_);
+        (void)OS::ForceApplicationName(nullptr);
+        std::filesystem::current_path(old_);
+        std::filesystem::remove_all(dir_);
+    }
+    std::string ReadFile(const char* name) {
+        std::ifstream in(dir_ / name, std::ios::binary);
+        std::stringstream all;
+        all << in.rdbuf();
+        return all.str();
+    }
+
+    Recorded recorded_;
+    std::filesystem::path old_, dir_;
+    ReleaseAssertHandler previous_ = nullptr;
+    void* previousContext_ = nullptr;
+};
+
+}  // namespace
+
+TEST_F(ReleaseAssert, AppendsTheTextAndAnswersAsTheHandlerSays) {
+    const std::string pid = std::to_string(platform::CurrentProcessId());
+    EXPECT_EQ(_CSReleaseAssert("src/a.cpp", 42, "Mod", "value %d of %s", 7, "x"), 0);
+    const std::string first =
+        "PID=" + pid + " File=src/a.cpp Line=42 Module=Mod\nText=value 7 of x\n";
+    EXPECT_EQ(recorded_.text, first);
+    EXPECT_EQ(ReadFile("unittest_tools_assert.txt"), first);
+
+    recorded_.answer = release_assert_retry;
+    EXPECT_EQ(_CSReleaseAssert(nullptr, -1, nullptr, nullptr), 1);
+    EXPECT_EQ(recorded_.calls, 2);
+    EXPECT_EQ(ReadFile("unittest_tools_assert.txt"),
+              first + "PID=" + pid + " File= Line=-1 Module=\nText=\n");
+}
+
+TEST_F(ReleaseAssert, FileFollowsTheApplicationNameAndLongTextsAreCut) {
+    ASSERT_TRUE(OS::ForceApplicationName("svc.exe"));
+    const std::string longText(5000, 'q');
+    EXPECT_EQ(_CSReleaseAssert("f", 1, "m", "%s", longText.c_str()), 0);
+    const std::string written = ReadFile("svc_assert.txt");
+    EXPECT_EQ(written.size(), 2047u);  // the text buffer holds 2048 bytes with its terminator
+    EXPECT_EQ(written.find("Text=qqq"), written.find('\n') + 1);
+    EXPECT_EQ(written, recorded_.text);
+}
+
+TEST_F(ReleaseAssert, NullRestoresTheDefaultHandler) {
+    void* context = nullptr;
+    EXPECT_EQ(SetReleaseAssertHandler(nullptr, &recorded_, &context), &Record);
+    EXPECT_EQ(context, &recorded_);
+    EXPECT_EQ(SetReleaseAssertHandler(&Record, &recorded_, &context), &DefaultReleaseAssertHandler);
+    EXPECT_EQ(context, nullptr);
+}
+
+TEST_F(ReleaseAssert, AbortEndsTheProcess) {
+    recorded_.answer = release_assert_abort;
+    const std::filesystem::path dir = dir_;
+    EXPECT_EXIT(
+        {
+            // A re-executed child has its own set-up: work where this process looks.
+            std::filesystem::current_path(dir);
+            SetReleaseAssertHandler(&Record, &recorded_);
+            _CSReleaseAssert("f", 1, "m", "fatal");
+        },
+        [](int status) { return status != 0; }, "");
+    EXPECT_NE(ReadFile("unittest_tools_assert.txt").find("Text=fatal"), std::string::npos);
+}
