@@ -6,6 +6,8 @@
 #include "tolven/configreader.h"
 #include "tolven/event.h"
 #include "tolven/exslots.h"
+#include "tolven/fstring.h"
+#include "tolven/iniconfigreader.h"
 #include "tolven/osutils.h"
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"

@@ -5,15 +5,19 @@ if(WIN32)
         utils/platform/thread_win32.cpp
         utils/platform/clock_win32.cpp
         utils/platform/tls_win32.cpp
-        utils/platform/process_win32.cpp)
-    set(TOLVEN_PLATFORM_LIBS version psapi)
+        utils/platform/process_win32.cpp
+        utils/platform/file_win32.cpp
+        utils/platform/filewatch_win32.cpp)
+    set(TOLVEN_PLATFORM_LIBS version psapi shlwapi)
 else()
     list(APPEND TOLVEN_SOURCES
         utils/platform/critical_section_posix.cpp
         utils/platform/thread_posix.cpp
         utils/platform/clock_posix.cpp
         utils/platform/tls_posix.cpp
-        utils/platform/process_posix.cpp)
+        utils/platform/process_posix.cpp
+        utils/platform/file_posix.cpp
+        utils/platform/filewatch_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 list(APPEND TOLVEN_SOURCES
