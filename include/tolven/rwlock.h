@@ -79,7 +79,6 @@ class ReadWriteLock_pr {
     SlotDetails slot;
     std::vector<ThreadData*> readers;
     mutable detail::CriticalSection mainLock;
-    bool mainLockInitialised = true;
     // Records of ended threads, dropped from `readers` but kept until destruction.
     std::vector<ThreadData*> retired;
 };
@@ -145,7 +144,6 @@ class ReadWriteLock_pw {
     Event writeEvent{true};
     Event readEvent{false};
     mutable detail::CriticalSection lock;
-    bool lockInitialised = true;
 };
 
 }  // namespace TOLVEN
