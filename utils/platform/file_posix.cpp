@@ -45,14 +45,14 @@ bool ReplaceFile(const char* from, const char* to) noexcept {
 }
 
 bool SyncParentDirectory(const char* path) noexcept {
-    std::string dir(path);
-    const std::size_t cut = dir.find_last_of('/');
-    if (cut == std::string::npos)
-        dir = ".";
-    else if (cut == 0)
-        dir = "/";
+    const char* slash = std::strrchr(path, '/');
+    std::string dir;
+    if (slash == nullptr)
+        dir.push_back('.');
+    else if (slash == path)
+        dir.push_back('/');
     else
-        dir.resize(cut);
+        dir.append(path, static_cast<std::size_t>(slash - path));
     const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return false;
     int rc;
