@@ -142,54 +142,48 @@ TEST_F(IniReader, TypedReadsAndTheirStatuses) {
     EXPECT_EQ(Str(r.r, nullptr, "name"), "alpha") << "null section, folded item";
     EXPECT_EQ(Str(r.r, "", "NAME"), "alpha");
     EXPECT_EQ(Str(r.r, "oTHER", "name"), "beta");
-    configreader_status st;
-    EXPECT_EQ(Str(r.r, nullptr, "missing", &st), "<3>");
-    EXPECT_EQ(Str(r.r, "NoSection", "name", &st), "<3>");
-
+    EXPECT_EQ(Str(r.r, nullptr, "missing"), "<3>");
+    EXPECT_EQ(Str(r.r, "NoSection", "name"), "<3>");
+    EXPECT_EQ(Str(r.r, nullptr, "Name", nullptr, 1), "") << "room 1: empty, length 0";
+    EXPECT_EQ(Str(r.r, nullptr, "Name", nullptr, 4), "alp");
     char buf[8];
-    std::size_t size = 1;
-    EXPECT_EQ(r->ReadString(nullptr, "Name", buf, &size), configreader_success);
-    EXPECT_EQ(size, 0u);
-    EXPECT_STREQ(buf, "");
-    size = 4;
-    EXPECT_EQ(r->ReadString(nullptr, "Name", buf, &size), configreader_success);
-    EXPECT_STREQ(buf, "alp");
-    EXPECT_EQ(size, 3u);
-    size = 0;
+    std::size_t size = 0;
     EXPECT_EQ(r->ReadString(nullptr, "Name", buf, &size), configreader_invalid_parameter);
     size = 8;
     EXPECT_EQ(r->ReadString(nullptr, nullptr, buf, &size), configreader_invalid_parameter);
     EXPECT_EQ(r->ReadString(nullptr, "Name", nullptr, &size), configreader_invalid_parameter);
     EXPECT_EQ(r->ReadString(nullptr, "Name", buf, nullptr), configreader_invalid_parameter);
 
-    unsigned int u = 99;
-    EXPECT_EQ(r->ReadUINT(nullptr, "Num", &u), configreader_success);
-    EXPECT_EQ(u, 42u);
-    EXPECT_EQ(r->ReadUINT(nullptr, "Neg", &u), configreader_success);
-    EXPECT_EQ(u, 4294967295u);
-    EXPECT_EQ(r->ReadUINT(nullptr, "Lead", &u), configreader_success);
-    EXPECT_EQ(u, 7u);
-    u = 99;
-    EXPECT_EQ(r->ReadUINT(nullptr, "Junk", &u), configreader_wrong_type);
-    EXPECT_EQ(u, 99u) << "an unreadable value leaves the caller's default";
-    EXPECT_EQ(r->ReadUINT(nullptr, "missing", &u), configreader_not_found);
+    const struct {
+        const char* item;
+        configreader_status st;
+        unsigned int value;
+    } numbers[] = {{"Num", configreader_success, 42},
+                   {"Neg", configreader_success, 4294967295u},
+                   {"Lead", configreader_success, 7},
+                   {"Junk", configreader_wrong_type, 99},  // the caller's default stays
+                   {"missing", configreader_not_found, 99}};
+    for (const auto& n : numbers) {
+        unsigned int u = 99;
+        EXPECT_EQ(r->ReadUINT(nullptr, n.item, &u), n.st) << n.item;
+        EXPECT_EQ(u, n.value) << n.item;
+    }
     EXPECT_EQ(r->ReadUINT(nullptr, "Num", nullptr), configreader_invalid_parameter);
 
-    bool b = false;
-    EXPECT_EQ(r->ReadBool(nullptr, "T1", &b), configreader_success);
-    EXPECT_TRUE(b);
-    b = false;
-    EXPECT_EQ(r->ReadBool(nullptr, "T2", &b), configreader_success);
-    EXPECT_TRUE(b);
-    EXPECT_EQ(r->ReadBool(nullptr, "F1", &b), configreader_success);
-    EXPECT_FALSE(b);
-    b = true;
-    EXPECT_EQ(r->ReadBool(nullptr, "F2", &b), configreader_success);
-    EXPECT_FALSE(b);
-    EXPECT_EQ(r->ReadBool(nullptr, "Yes", &b), configreader_wrong_type);
-    int B = 7;
-    EXPECT_EQ(r->ReadBOOL(nullptr, "T1", &B), configreader_success);
-    EXPECT_EQ(B, 1);
+    const struct {
+        const char* item;
+        configreader_status st;
+        int value;
+    } flags[] = {{"T1", configreader_success, 1},
+                 {"T2", configreader_success, 1},
+                 {"F1", configreader_success, 0},
+                 {"F2", configreader_success, 0},
+                 {"Yes", configreader_wrong_type, 7}};
+    for (const auto& f : flags) {
+        int v = 7;
+        EXPECT_EQ(r->ReadBOOL(nullptr, f.item, &v), f.st) << f.item;
+        EXPECT_EQ(v, f.value) << f.item;
+    }
 
     unsigned char bin[4];
     std::size_t binSize = 4;

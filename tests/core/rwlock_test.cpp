@@ -24,6 +24,13 @@ void WaitUntil(P pred) {
 void GiveItAChance() {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
 }
+// The status another thread gets from `f`.
+template <class F>
+rwl_status FromOtherThread(F f) {
+    rwl_status st = rwl_success;
+    std::thread([&] { st = f(); }).join();
+    return st;
+}
 }  // namespace
 
 // ---- both locks ---------------------------------------------------------------------------
@@ -46,15 +53,14 @@ TYPED_TEST(BothLocks, RecursionOnBothSidesAndWriterMayRead) {
     EXPECT_EQ(l.UnlockReader(), rwl_success);
     EXPECT_EQ(l.UnlockWriter(), rwl_success);
     // Still the writer once: another thread cannot get in.
-    std::atomic<int> other{-1};
-    std::thread([&] { other = static_cast<int>(l.TryLockWriter()); }).join();
-    EXPECT_EQ(other, static_cast<int>(rwl_busy));
+    EXPECT_EQ(FromOtherThread([&] { return l.TryLockWriter(); }), rwl_busy);
     EXPECT_EQ(l.UnlockWriter(), rwl_success);
-    std::thread([&] {
-        other = static_cast<int>(l.TryLockWriter());
-        if (other == rwl_success) (void)l.UnlockWriter();
-    }).join();
-    EXPECT_EQ(other, static_cast<int>(rwl_success));
+    EXPECT_EQ(FromOtherThread([&] {
+                  const rwl_status st = l.TryLockWriter();
+                  if (st == rwl_success) (void)l.UnlockWriter();
+                  return st;
+              }),
+              rwl_success);
 }
 
 TYPED_TEST(BothLocks, WritersExcludeEveryoneReadersShare) {
@@ -62,21 +68,14 @@ TYPED_TEST(BothLocks, WritersExcludeEveryoneReadersShare) {
     // Two words a writer changes together; a reader must never see them differ.
     uint64_t a = 0, b = 0;
     std::atomic<int> readersInside{0};
-    std::atomic<int> maxReadersInside{0};
-    std::atomic<bool> torn{false};
-    std::atomic<bool> stop{false};
+    std::atomic<bool> torn{false}, stop{false};
     constexpr int kWrites = 100;
-
-    std::vector<std::thread> threads;
+    std::vector<std::thread> readers, writers;
     for (int r = 0; r < 3; ++r) {
-        threads.emplace_back([&] {
+        readers.emplace_back([&] {
             while (!stop) {
                 ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
-                const int in = ++readersInside;
-                int seen = maxReadersInside.load();
-                while (in > seen && !maxReadersInside.compare_exchange_weak(seen, in)) {
-                }
-                if (a != b) torn = true;
+                ++readersInside;
                 // Recursion inside the read lock, while writers queue.
                 ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
                 if (a != b) torn = true;
@@ -86,7 +85,6 @@ TYPED_TEST(BothLocks, WritersExcludeEveryoneReadersShare) {
             }
         });
     }
-    std::vector<std::thread> writers;
     for (int w = 0; w < 2; ++w) {
         writers.emplace_back([&] {
             for (int i = 0; i < kWrites; ++i) {
@@ -102,7 +100,7 @@ TYPED_TEST(BothLocks, WritersExcludeEveryoneReadersShare) {
     for (auto& t : writers)
         t.join();
     stop = true;
-    for (auto& t : threads)
+    for (auto& t : readers)
         t.join();
     EXPECT_FALSE(torn);
     EXPECT_EQ(a, 2u * kWrites);
@@ -137,20 +135,19 @@ TYPED_TEST(BothLocks, UserModeThreadsSpinInsteadOfBlocking) {
 TEST(ReadWriteLockPr, ReaderIgnoresItsTimeoutAndWaitsForTheWriter) {
     ReadWriteLock_pr l;
     // One thread already known to the lock, one new to it: both must wait.
-    std::atomic<bool> knownStarted{false}, knownIn{false}, newIn{false};
-    std::atomic<bool> knownReady{false};
+    std::atomic<bool> knownReady{false}, writerIn{false}, knownIn{false}, newIn{false};
     std::thread known([&] {
         ASSERT_EQ(l.LockReader(0), rwl_success);
         ASSERT_EQ(l.UnlockReader(), rwl_success);
         knownReady = true;
-        WaitUntil([&] { return knownStarted.load(); });
+        WaitUntil([&] { return writerIn.load(); });
         ASSERT_EQ(l.LockReader(0), rwl_success);
         knownIn = true;
         ASSERT_EQ(l.UnlockReader(), rwl_success);
     });
     WaitUntil([&] { return knownReady.load(); });
     ASSERT_EQ(l.LockWriter(0), rwl_success);
-    knownStarted = true;
+    writerIn = true;
     std::thread fresh([&] {
         ASSERT_EQ(l.LockReader(0), rwl_success);
         newIn = true;
@@ -162,22 +159,19 @@ TEST(ReadWriteLockPr, ReaderIgnoresItsTimeoutAndWaitsForTheWriter) {
     EXPECT_EQ(l.UnlockWriter(), rwl_success);
     known.join();
     fresh.join();
-    EXPECT_TRUE(knownIn);
-    EXPECT_TRUE(newIn);
+    EXPECT_TRUE(knownIn && newIn);
 }
 
 TEST(ReadWriteLockPr, TryLockWriterIsBusyForAWriterButWaitsForReaders) {
     ReadWriteLock_pr l;
-    std::atomic<bool> readerIn{false}, release{false};
+    std::atomic<bool> readerIn{false}, release{false}, writerIn{false}, writerRelease{false};
     std::thread reader([&] {
-        // Bounded, so that a reader left asleep fails the test instead of hanging it.
-        ASSERT_EQ(l.LockReader(60000), rwl_success);
+        ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
         readerIn = true;
         WaitUntil([&] { return release.load(); });
         ASSERT_EQ(l.UnlockReader(), rwl_success);
     });
     WaitUntil([&] { return readerIn.load(); });
-    std::atomic<bool> writerIn{false}, writerRelease{false};
     std::atomic<int> tryResult{-1};
     std::thread writer([&] {
         tryResult = static_cast<int>(l.TryLockWriter());
@@ -194,7 +188,6 @@ TEST(ReadWriteLockPr, TryLockWriterIsBusyForAWriterButWaitsForReaders) {
     reader.join();
     WaitUntil([&] { return writerIn.load(); });
     EXPECT_EQ(tryResult, static_cast<int>(rwl_success));
-    EXPECT_EQ(l.TryLockWriter(), rwl_busy);
     writerRelease = true;
     writer.join();
 }
@@ -213,7 +206,7 @@ TEST(ReadWriteLockPr, EndedReaderThreadsAreDroppedByTheNextWriter) {
     ASSERT_EQ(l.LockWriter(kInfinite), rwl_success);
     EXPECT_EQ(l.ReaderCount(), 1u);
     ASSERT_EQ(l.UnlockWriter(), rwl_success);
-    // The survivor still reads and is still shut out by a writer.
+    // The survivor still reads and still holds a writer back.
     ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
     std::atomic<int> r{-1};
     std::thread writer([&] {
@@ -227,88 +220,65 @@ TEST(ReadWriteLockPr, EndedReaderThreadsAreDroppedByTheNextWriter) {
     EXPECT_EQ(r, static_cast<int>(rwl_success));
 }
 
-TEST(ReadWriteLockPr, WritersFirstReadNeedsItsOwnUnlockAfterUnlockWriter) {
-    ReadWriteLock_pr l;
-    ASSERT_EQ(l.LockWriter(kInfinite), rwl_success);
-    ASSERT_EQ(l.LockReader(kInfinite), rwl_success);  // first read of this thread
+TEST(ReadWriteLockPr, ReadTakenUnderTheWriteLockStaysAfterUnlockWriter) {
+    ReadWriteLock_pr l(0);
+    // A lone reader may take the write lock.
+    ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
+    ASSERT_EQ(l.TryLockWriter(), rwl_success);
     ASSERT_EQ(l.UnlockWriter(), rwl_success);
+    ASSERT_EQ(l.UnlockReader(), rwl_success);
+
+    // A writer's first read of the lock still needs its UnlockReader after UnlockWriter.
+    ReadWriteLock_pr fresh;
+    ASSERT_EQ(fresh.LockWriter(kInfinite), rwl_success);
+    ASSERT_EQ(fresh.LockReader(kInfinite), rwl_success);
+    ASSERT_EQ(fresh.UnlockWriter(), rwl_success);
     std::atomic<bool> writerIn{false};
     std::thread writer([&] {
-        ASSERT_EQ(l.LockWriter(kInfinite), rwl_success);
+        ASSERT_EQ(fresh.LockWriter(kInfinite), rwl_success);
         writerIn = true;
-        ASSERT_EQ(l.UnlockWriter(), rwl_success);
+        ASSERT_EQ(fresh.UnlockWriter(), rwl_success);
     });
     GiveItAChance();
     EXPECT_FALSE(writerIn) << "the read lock is still held";
-    ASSERT_EQ(l.UnlockReader(), rwl_success);
+    ASSERT_EQ(fresh.UnlockReader(), rwl_success);
     writer.join();
     EXPECT_TRUE(writerIn);
 }
 
-TEST(ReadWriteLockPr, AReaderMayTakeTheWriteLockWhenAlone) {
-    ReadWriteLock_pr l(0);
-    ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
-    ASSERT_EQ(l.LockWriter(kInfinite), rwl_success);
-    ASSERT_EQ(l.UnlockWriter(), rwl_success);
-    ASSERT_EQ(l.UnlockReader(), rwl_success);
-    ASSERT_EQ(l.TryLockWriter(), rwl_success);
-    ASSERT_EQ(l.UnlockWriter(), rwl_success);
-}
-
 // ---- ReadWriteLock_pw ---------------------------------------------------------------------
 
-TEST(ReadWriteLockPw, TryLockWriterAnswersBusyTimeoutOrSuccess) {
+TEST(ReadWriteLockPw, TryLockWriterAndUnlocksByTheWrongThread) {
     ReadWriteLock_pw l;
     ASSERT_EQ(l.TryLockWriter(), rwl_success);
     EXPECT_EQ(l.TryLockWriter(), rwl_busy) << "even for the writer itself";
-    std::atomic<int> other{-1};
-    std::thread([&] { other = static_cast<int>(l.TryLockWriter()); }).join();
-    EXPECT_EQ(other, static_cast<int>(rwl_busy));
+    EXPECT_EQ(FromOtherThread([&] { return l.TryLockWriter(); }), rwl_busy);
+    EXPECT_EQ(FromOtherThread([&] { return l.UnlockWriter(); }), rwl_not_locked);
     ASSERT_EQ(l.UnlockWriter(), rwl_success);
     EXPECT_EQ(l.UnlockWriter(), rwl_not_locked);
 
     ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
-    std::thread([&] { other = static_cast<int>(l.TryLockWriter()); }).join();
-    EXPECT_EQ(other, static_cast<int>(rwl_timeout));
+    EXPECT_EQ(FromOtherThread([&] { return l.TryLockWriter(); }), rwl_timeout);
     EXPECT_EQ(l.TryLockWriter(), rwl_timeout) << "a read lock cannot be upgraded";
     EXPECT_EQ(l.WaitingWriters(), 0);
+    EXPECT_EQ(FromOtherThread([&] { return l.UnlockReader(); }), rwl_not_locked);
+    EXPECT_EQ(l.SlotCount(), 1) << "a stranger's unlock changes nothing";
     ASSERT_EQ(l.UnlockReader(), rwl_success);
     EXPECT_EQ(l.SlotCount(), 0);
-}
-
-TEST(ReadWriteLockPw, UnlockByTheWrongThreadChangesNothing) {
-    ReadWriteLock_pw l;
-    ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
-    std::atomic<int> r1{-1}, r2{-1};
-    std::thread([&] {
-        r1 = static_cast<int>(l.UnlockReader());
-        r2 = static_cast<int>(l.UnlockWriter());
-    }).join();
-    EXPECT_EQ(r1, static_cast<int>(rwl_not_locked));
-    EXPECT_EQ(r2, static_cast<int>(rwl_not_locked));
-    EXPECT_EQ(l.SlotCount(), 1);
-    ASSERT_EQ(l.UnlockReader(), rwl_success);
-    EXPECT_EQ(l.UnlockReader(), rwl_not_locked);
-
-    ASSERT_EQ(l.LockWriter(kInfinite), rwl_success);
-    std::thread([&] { r1 = static_cast<int>(l.UnlockWriter()); }).join();
-    EXPECT_EQ(r1, static_cast<int>(rwl_not_locked));
-    ASSERT_EQ(l.UnlockWriter(), rwl_success);
 }
 
 TEST(ReadWriteLockPw, WaitingWriterLetsOldReadersInAndKeepsNewOnesOut) {
     ReadWriteLock_pw l;
     std::atomic<int> step{0};
     std::vector<int> order;  // appended under the lock
-    std::atomic<bool> oldReaderAgain{false};
     std::thread oldReader([&] {
         ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
         step = 1;
         WaitUntil([&] { return step.load() == 2; });
         // A writer waits now; this thread already reads and gets in again at once.
         ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
-        oldReaderAgain = true;
-        WaitUntil([&] { return step.load() == 3; });
+        step = 3;
+        WaitUntil([&] { return step.load() == 4; });
         ASSERT_EQ(l.UnlockReader(), rwl_success);
         ASSERT_EQ(l.UnlockReader(), rwl_success);
     });
@@ -320,7 +290,7 @@ TEST(ReadWriteLockPw, WaitingWriterLetsOldReadersInAndKeepsNewOnesOut) {
     });
     WaitUntil([&] { return l.WaitingWriters() == 1; });
     step = 2;
-    WaitUntil([&] { return oldReaderAgain.load(); });
+    WaitUntil([&] { return step.load() == 3; });
     std::thread newReader([&] {
         ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
         order.push_back(2);
@@ -328,7 +298,7 @@ TEST(ReadWriteLockPw, WaitingWriterLetsOldReadersInAndKeepsNewOnesOut) {
     });
     WaitUntil([&] { return l.WaitingReaders() == 1; });
     EXPECT_EQ(l.SlotCount(), 1);
-    step = 3;
+    step = 4;
     oldReader.join();
     writer.join();
     newReader.join();
@@ -339,23 +309,21 @@ TEST(ReadWriteLockPw, WaitingWriterLetsOldReadersInAndKeepsNewOnesOut) {
     EXPECT_EQ(l.SlotCount(), 0);
 }
 
-TEST(ReadWriteLockPw, ReaderTimesOutAgainstAWriterThatStays) {
+TEST(ReadWriteLockPw, TimeOutsLeaveTheCountsAsTheyWere) {
     ReadWriteLock_pw l;
     ASSERT_EQ(l.LockWriter(kInfinite), rwl_success);
-    std::atomic<int> result{-1};
-    std::atomic<uint64_t> waited{0};
-    std::thread([&] {
-        const uint64_t t0 = GetTickCount64Ms();
-        result = static_cast<int>(l.LockReader(100));
-        waited = GetTickCount64Ms() - t0;
-    }).join();
-    EXPECT_EQ(result, static_cast<int>(rwl_timeout));
-    EXPECT_GE(waited.load(), 95u);
+    uint64_t waited = 0;
+    EXPECT_EQ(FromOtherThread([&] {
+                  const uint64_t t0 = GetTickCount64Ms();
+                  const rwl_status st = l.LockReader(100);
+                  waited = GetTickCount64Ms() - t0;
+                  return st;
+              }),
+              rwl_timeout);
+    EXPECT_GE(waited, 95u);
     EXPECT_EQ(l.WaitingReaders(), 0u);
     EXPECT_EQ(l.SlotCount(), 0);
-    // A writer times out too, and leaves the counts as they were.
-    std::thread([&] { result = static_cast<int>(l.LockWriter(20)); }).join();
-    EXPECT_EQ(result, static_cast<int>(rwl_timeout));
+    EXPECT_EQ(FromOtherThread([&] { return l.LockWriter(20); }), rwl_timeout);
     EXPECT_EQ(l.WaitingWriters(), 0);
     ASSERT_EQ(l.UnlockWriter(), rwl_success);
 }
@@ -372,24 +340,16 @@ TEST(ReadWriteLockPw, WriterThatGivesUpReleasesTheReadersItHeldBack) {
     // The writer waits for the holder and shuts out new readers; when it gives up, a reader
     // that queued behind it must get in while the holder still reads.
     std::atomic<int> writerResult{-1};
-    std::atomic<bool> writerGo{false};
-    std::thread writer([&] {
-        WaitUntil([&] { return writerGo.load(); });
-        writerResult = static_cast<int>(l.LockWriter(300));
-    });
-    std::atomic<bool> readerIn{false};
-    writerGo = true;
+    std::thread writer([&] { writerResult = static_cast<int>(l.LockWriter(300)); });
     WaitUntil([&] { return l.WaitingWriters() == 1 || writerResult.load() != -1; });
     std::thread reader([&] {
         // Bounded, so that a reader left asleep fails the test instead of hanging it.
-        ASSERT_EQ(l.LockReader(60000), rwl_success);
-        readerIn = true;
-        ASSERT_EQ(l.UnlockReader(), rwl_success);
+        EXPECT_EQ(l.LockReader(60000), rwl_success);
+        (void)l.UnlockReader();
     });
     writer.join();
-    EXPECT_EQ(writerResult, static_cast<int>(rwl_timeout));
     reader.join();
-    EXPECT_TRUE(readerIn);
+    EXPECT_EQ(writerResult, static_cast<int>(rwl_timeout));
     release = true;
     holder.join();
     EXPECT_EQ(l.WaitingReaders(), 0u);
@@ -399,29 +359,25 @@ TEST(ReadWriteLockPw, WriterThatGivesUpReleasesTheReadersItHeldBack) {
 TEST(ReadWriteLockPw, SlotTableGrowsAndTrimsOnlyTrailingEmptySlots) {
     ReadWriteLock_pw l;
     constexpr int kThreads = 12;  // more than the table's first capacity
-    std::atomic<int> holding{0};
-    std::atomic<int> releaseUpTo{-1};
+    std::atomic<int> holding{0}, releaseUpTo{-1}, done{0};
     std::vector<std::thread> threads;
-    std::vector<std::atomic<bool>> done(kThreads);
     for (int i = 0; i < kThreads; ++i) {
-        // Enter one after another so that thread i owns slot i.
+        // One after another, so that thread i owns slot i.
         WaitUntil([&] { return holding.load() == i; });
         threads.emplace_back([&, i] {
             ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
             ++holding;
             WaitUntil([&] { return releaseUpTo.load() >= i; });
             ASSERT_EQ(l.UnlockReader(), rwl_success);
-            done[static_cast<std::size_t>(i)] = true;
+            ++done;
         });
     }
     WaitUntil([&] { return holding.load() == kThreads; });
     EXPECT_EQ(l.SlotCount(), kThreads);
-    // Thread 0 leaves: its slot, at the front, stays counted.
-    releaseUpTo = 0;
-    WaitUntil([&] { return done[0].load(); });
+    releaseUpTo = 0;  // the first slot empties but stays counted
+    WaitUntil([&] { return done.load() == 1; });
     EXPECT_EQ(l.SlotCount(), kThreads);
-    // A newcomer takes the free slot at the front.
-    ASSERT_EQ(l.LockReader(kInfinite), rwl_success);
+    ASSERT_EQ(l.LockReader(kInfinite), rwl_success);  // a newcomer takes it
     EXPECT_EQ(l.SlotCount(), kThreads);
     releaseUpTo = kThreads - 1;
     for (auto& t : threads)

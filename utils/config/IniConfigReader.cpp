@@ -314,7 +314,7 @@ class IniConfigReaderImpl {
         bool moved = false;
         for (int attempt = 0; attempt < kSaveTries && !moved; ++attempt) {
             if (attempt > 0) platform::SleepMs(kSaveRetryMs);
-            moved = platform::ReplaceFile(temporary.c_str(), path.c_str());
+            moved = platform::RenameReplacing(temporary.c_str(), path.c_str());
         }
         if (!moved) {
             (void)platform::RemoveFile(temporary.c_str());

@@ -36,7 +36,7 @@ bool FlushFileToDisk(std::FILE* file) noexcept;
 
 // Renames `from` to `to`, replacing `to` in one step: a reader of `to` sees either the old
 // file or the new one, whole.
-bool ReplaceFile(const char* from, const char* to) noexcept;
+bool RenameReplacing(const char* from, const char* to) noexcept;
 
 // Makes the directory entry of `path` durable after a rename (fsync of the directory on
 // POSIX; the rename is written through already on Windows).

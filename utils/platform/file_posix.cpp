@@ -40,7 +40,7 @@ bool FlushFileToDisk(std::FILE* file) noexcept {
     return rc == 0;
 }
 
-bool ReplaceFile(const char* from, const char* to) noexcept {
+bool RenameReplacing(const char* from, const char* to) noexcept {
     return ::rename(from, to) == 0;
 }
 

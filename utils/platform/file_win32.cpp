@@ -46,7 +46,7 @@ bool FlushFileToDisk(std::FILE* file) noexcept {
     return ::FlushFileBuffers(reinterpret_cast<HANDLE>(handle)) != 0;
 }
 
-bool ReplaceFile(const char* from, const char* to) noexcept {
+bool RenameReplacing(const char* from, const char* to) noexcept {
     return ::MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
 }
 
