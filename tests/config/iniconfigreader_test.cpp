@@ -70,7 +70,11 @@ class IniReader : public ::testing::Test {
     // Replaces a file by rename, as editors and this reader do.
     std::string Replace(const std::string& name, const std::string& text) const {
         Put(name + ".tmp", text);
-        fs::rename(Path(name + ".tmp"), Path(name));
+        // On Windows a rename onto a file that is being replaced can fail for a moment.
+        std::error_code ec;
+        for (fs::rename(Path(name + ".tmp"), Path(name), ec); ec;
+             fs::rename(Path(name + ".tmp"), Path(name), ec))
+            std::this_thread::yield();
         return Path(name);
     }
     std::string Slurp(const std::string& name) const {

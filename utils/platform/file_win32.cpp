@@ -1,8 +1,10 @@
 #include "platform/file.h"
 
+#include <cstring>
+
 #include <windows.h>
+#include <fcntl.h>
 #include <io.h>
-#include <share.h>
 #include <shlwapi.h>
 
 namespace TOLVEN::platform {
@@ -35,8 +37,43 @@ bool GetFileStamp(const char* path, FileStamp* out) noexcept {
 }
 
 std::FILE* OpenFileShared(const char* path, const char* mode) noexcept {
-    if (path == nullptr || path[0] == '\0') return nullptr;
-    return ::_fsopen(path, mode, _SH_DENYNO);
+    if (path == nullptr || path[0] == '\0' || mode == nullptr) return nullptr;
+    // Others may read, write, delete and rename over the file while it is open, as on
+    // POSIX: a save by rename must not fail because a reader is loading the file.
+    const bool plus = std::strchr(mode, '+') != nullptr;
+    DWORD access = 0, disposition = 0;
+    int flags = _O_BINARY;
+    switch (mode[0]) {
+        case 'r':
+            access = GENERIC_READ | (plus ? GENERIC_WRITE : 0);
+            disposition = OPEN_EXISTING;
+            flags |= plus ? _O_RDWR : _O_RDONLY;
+            break;
+        case 'w':
+            access = GENERIC_WRITE | (plus ? GENERIC_READ : 0);
+            disposition = CREATE_ALWAYS;
+            flags |= plus ? _O_RDWR : _O_WRONLY;
+            break;
+        case 'a':
+            access = FILE_APPEND_DATA | (plus ? GENERIC_READ : 0);
+            disposition = OPEN_ALWAYS;
+            flags |= _O_APPEND | (plus ? _O_RDWR : _O_WRONLY);
+            break;
+        default:
+            return nullptr;
+    }
+    const HANDLE handle =
+        ::CreateFileA(path, access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                      disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) return nullptr;
+    const int fd = ::_open_osfhandle(reinterpret_cast<intptr_t>(handle), flags);
+    if (fd < 0) {
+        ::CloseHandle(handle);
+        return nullptr;
+    }
+    std::FILE* file = ::_fdopen(fd, mode);
+    if (file == nullptr) ::_close(fd);
+    return file;
 }
 
 bool FlushFileToDisk(std::FILE* file) noexcept {
