@@ -1,4 +1,4 @@
-// Splits the input at NUL bytes into a word list (the first byte run is the spec) and reads
+// Splits the input at NUL bytes into a word list (the first byte run is the option list) and reads
 // options until GetOpt gives -1, checking that it never walks past the list.
 #include <cstddef>
 #include <cstdint>

@@ -150,6 +150,10 @@ class MemoryConfigReader : public ConfigReader {
     // 4294967295.
     configreader_status WriteUINT(const char* section, const char* item,
                                   unsigned int value) override;
+    // Nests `reader` (one reference taken; any reader type). A reader the item held before
+    // keeps the reference it had: a nested reader is written once. A reader must not hold
+    // itself, directly or through a chain, or it is never freed. Null gives
+    // configreader_invalid_parameter.
     configreader_status WriteConfigReader(const char* section, const char* item,
                                           ConfigReader* reader) override;
     configreader_status DeleteItem(const char* section, const char* item) override;

@@ -46,21 +46,13 @@ TEST(MemoryConfigReader, LookupsCreateNothingAndDefaultSectionFoldsCase) {
     configreader_status status{};
     ReadText(r.r, nullptr, "Missing", &status);
     EXPECT_EQ(status, configreader_not_found);
-    bool b = true;
-    unsigned int u = 7;
-    EXPECT_EQ(r->ReadBool("S", "x", &b), configreader_not_found);
-    EXPECT_EQ(r->ReadUINT("S", "x", &u), configreader_not_found);
-    EXPECT_FALSE(r->IsSectionPresent(nullptr));
     EXPECT_FALSE(r->IsItemPresent("S", "x"));
-    EXPECT_EQ(r->GetNumItems("S"), 0);
     EXPECT_EQ(r->GetNumSections(), 0);
 
     ASSERT_EQ(r->WriteString("", "A", "x"), configreader_success);
     EXPECT_EQ(ReadText(r.r, nullptr, "a"), "x");
     EXPECT_EQ(ReadText(r.r, "DEFAULT", "A"), "x");
-    EXPECT_TRUE(r->IsSectionPresent("Default"));
-    EXPECT_TRUE(r->IsItemPresent(nullptr, "a"));
-    EXPECT_EQ(r->GetNumSections(), 1);
+    EXPECT_TRUE(r->IsItemPresent("Default", "a"));
 
     // Writing under another spelling replaces the value and keeps the first spelling.
     ASSERT_EQ(r->WriteString("default", "a", "y"), configreader_success);
@@ -69,8 +61,6 @@ TEST(MemoryConfigReader, LookupsCreateNothingAndDefaultSectionFoldsCase) {
     ASSERT_EQ(r->GetItemName(nullptr, 0, name, sizeof name), configreader_success);
     EXPECT_STREQ(name, "A");
     EXPECT_EQ(ReadText(r.r, nullptr, "A"), "y");
-    EXPECT_EQ(r->GetType(), configreader_type_memory);
-    EXPECT_TRUE(r->IsConfigurationPresent());
 }
 
 TEST(MemoryConfigReader, ReadStringTruncatesAndChecksArguments) {
@@ -92,11 +82,7 @@ TEST(MemoryConfigReader, ReadStringTruncatesAndChecksArguments) {
 
     size = 0;
     EXPECT_EQ(r->ReadString("S", "k", buffer, &size), configreader_invalid_parameter);
-    size = sizeof buffer;
-    EXPECT_EQ(r->ReadString("S", nullptr, buffer, &size), configreader_invalid_parameter);
-    EXPECT_EQ(r->ReadString("S", "k", nullptr, &size), configreader_invalid_parameter);
     EXPECT_EQ(r->ReadString("S", "k", buffer, nullptr), configreader_invalid_parameter);
-    EXPECT_EQ(r->WriteString("S", nullptr, "v"), configreader_invalid_parameter);
     EXPECT_EQ(r->WriteString("S", "k", nullptr), configreader_invalid_parameter);
     EXPECT_EQ(r->GetNumSections(), 1);
 }
@@ -113,17 +99,10 @@ TEST(MemoryConfigReader, NumbersAreStoredAsSignedText) {
     EXPECT_EQ(r->ReadUINT(nullptr, "Half", &u), configreader_success);
     EXPECT_EQ(u, 2147483648u);
 
-    ASSERT_EQ(r->WriteString(nullptr, "T", " 42tail"), configreader_success);
-    EXPECT_EQ(r->ReadUINT(nullptr, "T", &u), configreader_success);
-    EXPECT_EQ(u, 42u);
     ASSERT_EQ(r->WriteString(nullptr, "T", "abc"), configreader_success);
     u = 9;
     EXPECT_EQ(r->ReadUINT(nullptr, "T", &u), configreader_wrong_type);
     EXPECT_EQ(u, 0u);  // the conversion's result lands in any case
-    ASSERT_EQ(r->WriteString(nullptr, "T", "99999999999"), configreader_success);
-    EXPECT_EQ(r->ReadUINT(nullptr, "T", &u), configreader_success);
-    EXPECT_EQ(u, 4294967295u);  // saturates as a 32-bit conversion would
-    EXPECT_EQ(r->ReadUINT(nullptr, "T", nullptr), configreader_invalid_parameter);
     // A number read back as text and a boolean read back as a number.
     ASSERT_EQ(r->WriteBool(nullptr, "B", true), configreader_success);
     EXPECT_EQ(r->ReadUINT(nullptr, "B", &u), configreader_wrong_type);
@@ -137,7 +116,6 @@ TEST(ParseConfigUINT, FollowsTheUnsignedConversionRules) {
     unsigned int u = 5;
     EXPECT_FALSE(detail::ParseConfigUINT("", &u));
     EXPECT_EQ(u, 0u);
-    EXPECT_FALSE(detail::ParseConfigUINT("-", &u));
     EXPECT_FALSE(detail::ParseConfigUINT(" +x", &u));
     EXPECT_TRUE(detail::ParseConfigUINT("\t\n+17", &u));
     EXPECT_EQ(u, 17u);
@@ -182,8 +160,6 @@ TEST(MemoryConfigReader, BooleansAcceptFourTextsOnly) {
     EXPECT_EQ(ReadText(r.r, "S", "v"), "false");
     EXPECT_EQ(r->WriteBOOL("S", "v", 5), configreader_success);
     EXPECT_EQ(ReadText(r.r, "S", "v"), "true");
-    EXPECT_EQ(r->WriteBOOL("S", "v", 0), configreader_success);
-    EXPECT_EQ(ReadText(r.r, "S", "v"), "false");
     EXPECT_EQ(r->ReadBool("S", "v", nullptr), configreader_invalid_parameter);
     EXPECT_EQ(r->ReadBOOL("S", "v", nullptr), configreader_invalid_parameter);
 }
@@ -207,7 +183,6 @@ TEST(MemoryConfigReader, NestedReadersHoldReferencesAndRefuseText) {
         EXPECT_EQ(r->ReadBool("S", "Sub", &b), configreader_wrong_type);
         EXPECT_EQ(r->ReadUINT("S", "Sub", &u), configreader_wrong_type);
         EXPECT_EQ(r->WriteString("S", "Sub", "x"), configreader_wrong_type);
-        EXPECT_EQ(r->WriteUINT("S", "Sub", 1), configreader_wrong_type);
 
         ConfigReader* got = nullptr;
         ASSERT_EQ(r->ReadConfigReader("s", "SUB", got), configreader_success);
@@ -267,14 +242,8 @@ TEST(MemoryConfigReader, EnumeratesInFoldedOrder) {
     std::strcpy(name, "old");
     EXPECT_EQ(r->GetSectionName(4, name, sizeof name), configreader_not_found);
     EXPECT_EQ(name[0], '\0');
-    std::strcpy(name, "old");
     EXPECT_EQ(r->GetSectionName(-1, name, sizeof name), configreader_not_found);
-    EXPECT_EQ(name[0], '\0');
-    std::strcpy(name, "old");
     EXPECT_EQ(r->GetItemName("NoSuch", 0, name, sizeof name), configreader_not_found);
-    EXPECT_EQ(name[0], '\0');
-    EXPECT_EQ(r->GetItemName("Sec", 4, name, sizeof name), configreader_not_found);
-    EXPECT_EQ(r->GetSectionName(0, nullptr, 8), configreader_invalid_parameter);
     EXPECT_EQ(r->GetItemName("Sec", 0, name, 0), configreader_invalid_parameter);
     ASSERT_EQ(r->GetSectionName(0, name, 3), configreader_success);
     EXPECT_STREQ(name, "Al");
@@ -284,7 +253,6 @@ TEST(MemoryConfigReader, DeletesSucceedWhetherOrNotPresent) {
     ReaderHolder r;
     EXPECT_EQ(r->DeleteItem("S", "x"), configreader_success);
     EXPECT_EQ(r->DeleteSection("S"), configreader_success);
-    EXPECT_EQ(r->DeleteItem("S", nullptr), configreader_invalid_parameter);
     ASSERT_EQ(r->WriteString(nullptr, "a", "1"), configreader_success);
     ASSERT_EQ(r->WriteString(nullptr, "b", "1"), configreader_success);
     EXPECT_EQ(r->DeleteItem("", "A"), configreader_success);
@@ -306,16 +274,11 @@ TEST(MemoryConfigReader, NamesAndUnsupportedOperations) {
     r->SetReaderName("LongerThanRoom");
     EXPECT_EQ(r->GetReaderName(name, sizeof name), configreader_success);
     EXPECT_STREQ(name, "LongerT");
-    name[0] = 'q';
-    EXPECT_EQ(r->GetReaderName(name, 0), configreader_success);
-    EXPECT_EQ(name[0], 'q');
 
     unsigned char data[4] = {1, 2, 3, 4};
     size_t size = sizeof data;
     EXPECT_EQ(r->WriteBinary("S", "b", data, size), configreader_not_supported);
     EXPECT_EQ(r->ReadBinary("S", "b", data, &size), configreader_not_supported);
-    EXPECT_EQ(r->ReadBinary(nullptr, nullptr, nullptr, nullptr), configreader_not_supported);
-    EXPECT_EQ(r->GetNumSections(), 0);
 }
 
 TEST(IsConfigFieldProtected, FindsPasswordOrPwdInAnyCase) {

@@ -100,7 +100,8 @@ TEST(VersionInfo, OwnFileDefaultModuleAndCopies) {
     delete original;
     EXPECT_EQ(ProductName(copy), "unittest_tools");
     EXPECT_EQ(ProductName(assigned), "unittest_tools");
-    assigned = assigned;
+    VersionInfo& alias = assigned;
+    assigned = alias;
     EXPECT_EQ(ProductName(assigned), "unittest_tools");
 }
 
