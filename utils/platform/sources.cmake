@@ -1,25 +1,30 @@
 # Platform layer: the only sources that call the operating system. Each concern has one
 # header and a POSIX and a Win32 source behind it.
-set(TOLVEN_PLATFORM_CONCERNS
-    critical_section
-    thread
-    clock
-    tls
-    host
-    process
-    timezone
-    file
-    filewatch)
 if(WIN32)
-    set(_suffix win32)
+    list(APPEND TOLVEN_SOURCES
+        utils/platform/critical_section_win32.cpp
+        utils/platform/thread_win32.cpp
+        utils/platform/clock_win32.cpp
+        utils/platform/tls_win32.cpp
+        utils/platform/host_win32.cpp
+        utils/platform/process_win32.cpp
+        utils/platform/timezone_win32.cpp
+        utils/platform/file_win32.cpp
+        utils/platform/filewatch_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS version psapi shlwapi)
 else()
-    set(_suffix posix)
+    list(APPEND TOLVEN_SOURCES
+        utils/platform/critical_section_posix.cpp
+        utils/platform/thread_posix.cpp
+        utils/platform/clock_posix.cpp
+        utils/platform/tls_posix.cpp
+        utils/platform/host_posix.cpp
+        utils/platform/process_posix.cpp
+        utils/platform/timezone_posix.cpp
+        utils/platform/file_posix.cpp
+        utils/platform/filewatch_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
-foreach(concern IN LISTS TOLVEN_PLATFORM_CONCERNS)
-    list(APPEND TOLVEN_SOURCES utils/platform/${concern}_${_suffix}.cpp)
-endforeach()
 # Code that is the same on every platform.
 list(APPEND TOLVEN_SOURCES
     utils/platform/atomic_x86_64.cpp
