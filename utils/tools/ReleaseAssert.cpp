@@ -8,10 +8,12 @@
 namespace TOLVEN {
 namespace {
 
-// The installed handler and its context, guarded by their lock.
+// The installed handler and its context, guarded by their lock. Null stands for the default
+// handler, so that callers never need its address: on Windows a program's address of a
+// library function is that of its import stub, which no pointer from the library equals.
 struct HandlerSlot {
     QuickLock lock;
-    ReleaseAssertHandler handler = &DefaultReleaseAssertHandler;
+    ReleaseAssertHandler handler = nullptr;
     void* context = nullptr;
 };
 
@@ -28,7 +30,7 @@ ReleaseAssertHandler SetReleaseAssertHandler(ReleaseAssertHandler handler, void*
     QuickLockGuard guard(slot.lock);
     const ReleaseAssertHandler previous = slot.handler;
     if (previousContext != nullptr) *previousContext = slot.context;
-    slot.handler = handler != nullptr ? handler : &DefaultReleaseAssertHandler;
+    slot.handler = handler;
     slot.context = handler != nullptr ? context : nullptr;
     return previous;
 }
@@ -80,7 +82,9 @@ int _CSReleaseAssert(const char* file, int line, const char* module, const char*
     (void)OS::GetApplicationName(application, sizeof application);
     char fileName[280];
     std::snprintf(fileName, sizeof fileName, "%s_assert.txt", application);
-    if (std::FILE* out = std::fopen(fileName, "a+")) {
+    // Binary, so that the record holds the same bytes on every platform: text mode would
+    // write each "\n" as "\r\n" on Windows.
+    if (std::FILE* out = std::fopen(fileName, "a+b")) {
         std::fputs(text, out);
         std::fclose(out);
     }
@@ -93,6 +97,7 @@ int _CSReleaseAssert(const char* file, int line, const char* module, const char*
         handler = slot.handler;
         context = slot.context;
     }
+    if (handler == nullptr) handler = &DefaultReleaseAssertHandler;
     switch (handler(text, context)) {
         case release_assert_retry:
             return 1;
