@@ -2,9 +2,11 @@
 #pragma once
 
 #include "tolven/autothread.h"
+#include "tolven/baseallocator.h"
 #include "tolven/blobtime.h"
 #include "tolven/event.h"
 #include "tolven/exslots.h"
+#include "tolven/logapi.h"
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"
 #include "tolven/tickcounter.h"

@@ -1,1 +1,4 @@
-# log subsystem
+# Logging: the log door, its ring and the log thread.
+list(APPEND TOLVEN_SOURCES
+    utils/log/LogRing.cpp
+    utils/log/LogApi.cpp)

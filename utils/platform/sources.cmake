@@ -4,14 +4,16 @@ if(WIN32)
         utils/platform/critical_section_win32.cpp
         utils/platform/thread_win32.cpp
         utils/platform/clock_win32.cpp
-        utils/platform/tls_win32.cpp)
+        utils/platform/tls_win32.cpp
+        utils/platform/memory_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS)
 else()
     list(APPEND TOLVEN_SOURCES
         utils/platform/critical_section_posix.cpp
         utils/platform/thread_posix.cpp
         utils/platform/clock_posix.cpp
-        utils/platform/tls_posix.cpp)
+        utils/platform/tls_posix.cpp
+        utils/platform/memory_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 list(APPEND TOLVEN_SOURCES utils/platform/atomic_x86_64.cpp)
