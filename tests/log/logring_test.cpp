@@ -250,7 +250,7 @@ TEST(LogRing, WriterWaitsForRoomAndIsWokenByTheReader) {
     std::string out;
     ASSERT_EQ(r.Read(&out), ring_status::ok);
     EXPECT_EQ(out, std::string(50, 'x'));
-    r.ring.WakeWriters();
+    r.ring.WakeWriters(true);
     writer.join();
     EXPECT_TRUE(written);
     ASSERT_EQ(r.Read(&out), ring_status::ok);

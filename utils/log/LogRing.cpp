@@ -1,10 +1,12 @@
 #include "log/LogRing.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
+#include "platform/thread.h"
 #include "tolven/baseallocator.h"
 #include "tolven/quicklock.h"
 
@@ -43,10 +45,12 @@ bool LogRing::Create(uint32_t capacity, uint32_t capacityLimit) {
     control_->writersWaiting.store(0, std::memory_order_relaxed);
     control_->readersWaiting.store(0, std::memory_order_relaxed);
     control_->capacity = capacity_;
-    control_->reserved = 0;
     data_ = static_cast<uint8_t*>(memory) + kControlBytes;
     pendingWrite_ = 0;
     pendingRead_.store(0, std::memory_order_relaxed);
+    cachedRead_ = capacity_;
+    cachedWrite_ = 0;
+    freedSinceWake_ = 0;
     return true;
 }
 
@@ -62,41 +66,51 @@ void LogRing::Destroy() {
     (void)FreeAllocation(memory);
 }
 
+bool LogRing::Plan(uint64_t w, uint64_t r, uint32_t length, uint64_t* reservation) const noexcept {
+    const uint64_t c = capacity_;
+    const uint64_t need = static_cast<uint64_t>(length) + 4;
+    if (w > r) {
+        // Free: the tail from w, and the start up to r.
+        const uint64_t tail = c - w;
+        if (r + tail < need) return false;
+        if (tail >= need) {
+            *reservation = need;
+            return true;
+        }
+        // The entry may not be split: it moves to the start, behind a wrap marker.
+        *reservation = tail + 4 + length + (tail < 4 ? 4 - tail : 0);
+        return r + tail >= *reservation;
+    }
+    if (w == r) return false;
+    *reservation = need;
+    return w + need < r;
+}
+
 ring_status LogRing::Reserve(uint32_t length, uint8_t** payload) noexcept {
     if (data_ == nullptr) return ring_status::not_created;
     if (pendingWrite_ != 0) return ring_status::busy;
     const uint64_t c = capacity_;
-    const uint64_t need = static_cast<uint64_t>(length) + 4;
-    if (need >= c) return ring_status::too_large;
+    if (static_cast<uint64_t>(length) + 4 >= c) return ring_status::too_large;
     const uint64_t w = control_->writeOffset.load(std::memory_order_relaxed);
-    const uint64_t r = control_->readOffset.load(std::memory_order_acquire);
-    uint64_t at;  // where the payload goes
     uint64_t reservation;
-    if (w > r) {
-        const uint64_t tail = c - w;
-        if (r + tail < need) return ring_status::full;
-        if (tail >= need) {
-            std::memcpy(data_ + w, &length, 4);
-            at = w + 4;
-            reservation = need;
-        } else {
-            // The entry may not be split: it goes to the start, behind a wrap marker.
-            reservation = tail + 4 + length + (tail < 4 ? 4 - tail : 0);
-            if (r + tail < reservation) return ring_status::full;
-            static constexpr uint8_t marker[4] = {0xFF, 0xFF, 0xFF, 0xFF};
-            const uint64_t inTail = std::min<uint64_t>(tail, 4);
-            std::memcpy(data_ + w, marker, inTail);
-            std::memcpy(data_, marker + inTail, 4 - inTail);
-            std::memcpy(data_ + (4 - inTail), &length, 4);
-            at = 4 - inTail + 4;
-        }
-    } else if (w == r) {
-        return ring_status::full;
-    } else {
-        if (w + need >= r) return ring_status::full;
+    if (!Plan(w, cachedRead_, length, &reservation)) {
+        cachedRead_ = control_->readOffset.load(std::memory_order_seq_cst);
+        if (!Plan(w, cachedRead_, length, &reservation)) return ring_status::full;
+    }
+    uint64_t at;
+    const uint64_t tail = c - w;
+    if (reservation == static_cast<uint64_t>(length) + 4 && tail >= reservation) {
         std::memcpy(data_ + w, &length, 4);
         at = w + 4;
-        reservation = need;
+    } else {
+        // The marker's first bytes fill what the tail has of them, the rest open the data
+        // area; the real length and the payload follow there.
+        static constexpr uint8_t marker[4] = {0xFF, 0xFF, 0xFF, 0xFF};
+        const uint64_t inTail = std::min<uint64_t>(tail, 4);
+        std::memcpy(data_ + w, marker, inTail);
+        std::memcpy(data_, marker + inTail, 4 - inTail);
+        std::memcpy(data_ + (4 - inTail), &length, 4);
+        at = 4 - inTail + 4;
     }
     pendingWrite_ = static_cast<uint32_t>(reservation);
     *payload = data_ + at;
@@ -106,18 +120,13 @@ ring_status LogRing::Reserve(uint32_t length, uint8_t** payload) noexcept {
 void LogRing::CommitWrite() noexcept {
     if (pendingWrite_ == 0 || data_ == nullptr) return;
     const uint64_t c = capacity_;
-    const uint64_t reservation = pendingWrite_;
     const uint64_t w = control_->writeOffset.load(std::memory_order_relaxed);
-    const uint64_t r = control_->readOffset.load(std::memory_order_acquire);
-    uint64_t next;
-    if (w > r) {
-        const uint64_t tail = c - w;
-        next = reservation <= tail ? w + reservation : reservation - tail;
-    } else {
-        next = w + reservation;
-    }
+    // Within the tail the offset moves by the reservation; a reservation that reaches into
+    // the start leaves it at the part that lies there; the end itself is 0.
+    const uint64_t tail = c - w;
+    uint64_t next = pendingWrite_ <= tail ? w + pendingWrite_ : pendingWrite_ - tail;
     if (next >= c) next = 0;
-    control_->writeOffset.store(static_cast<uint32_t>(next), std::memory_order_release);
+    control_->writeOffset.store(static_cast<uint32_t>(next), std::memory_order_seq_cst);
     pendingWrite_ = 0;
 }
 
@@ -130,10 +139,14 @@ ring_status LogRing::Peek(const uint8_t** payload, uint32_t* length) noexcept {
     const uint64_t c = capacity_;
     uint64_t r = static_cast<uint64_t>(control_->readOffset.load(std::memory_order_relaxed)) + 1;
     if (r >= c) r = 0;
-    if (r == control_->writeOffset.load(std::memory_order_acquire)) {
-        pendingRead_.store(0, std::memory_order_release);
-        return ring_status::empty;
+    if (r == cachedWrite_) {
+        cachedWrite_ = control_->writeOffset.load(std::memory_order_seq_cst);
+        if (r == cachedWrite_) {
+            pendingRead_.store(0, std::memory_order_release);
+            return ring_status::empty;
+        }
     }
+    // The length may be a marker cut by the end of the data area: join its two parts.
     const uint64_t tail = c - r;
     uint8_t raw[4];
     const uint64_t inTail = std::min<uint64_t>(tail, 4);
@@ -165,16 +178,22 @@ void LogRing::CommitRead() noexcept {
     if (reservation == 0 || reservation == kClaimed || data_ == nullptr) return;
     const uint64_t c = capacity_;
     const uint64_t r = readStart_;
-    const uint64_t w = control_->writeOffset.load(std::memory_order_acquire);
-    uint64_t last;
-    if (r < w) {
-        last = r + reservation - 1;
-    } else {
-        const uint64_t first = std::min(c - r, reservation);
-        last = reservation <= c - r ? r + first - 1 : reservation - first - 1;
-    }
-    control_->readOffset.store(static_cast<uint32_t>(last), std::memory_order_release);
+    // An entry that ends within the tail leaves the offset on its last byte; one that
+    // reaches into the start leaves it on the last byte of the part there.
+    const uint64_t first = std::min(c - r, reservation);
+    const uint64_t last = reservation <= c - r ? r + first - 1 : reservation - first - 1;
+    control_->readOffset.store(static_cast<uint32_t>(last), std::memory_order_seq_cst);
+    freedSinceWake_ += reservation;
     pendingRead_.store(0, std::memory_order_release);
+}
+
+void LogRing::WakeWriters(bool now) noexcept {
+    if (control_ == nullptr) return;
+    if (control_->writersWaiting.load(std::memory_order_seq_cst) == 0) return;
+    if (!now && freedSinceWake_ < capacity_ / 8) return;
+    freedSinceWake_ = 0;
+    if (control_->writersWaiting.exchange(0, std::memory_order_seq_cst) > 0)
+        (void)spaceEvent_.Set();
 }
 
 ring_status LogRing::AcquireWrite(uint32_t length, uint8_t** payload, bool mayWait) noexcept {
@@ -185,14 +204,28 @@ ring_status LogRing::AcquireWrite(uint32_t length, uint8_t** payload, bool mayWa
         // is seen here, and room made after the count is announced by the space event.
         control_->writersWaiting.fetch_add(1, std::memory_order_seq_cst);
         st = Reserve(length, payload);
-        if (st == ring_status::full) {
-            writerLock_.Leave();
-            if (!mayWait) return st;
-            return BlockingReserve(length, payload);
-        }
     }
-    if (st != ring_status::ok) writerLock_.Leave();
-    return st;
+    if (st != ring_status::full) {
+        if (st != ring_status::ok) writerLock_.Leave();
+        return st;
+    }
+    writerLock_.Leave();
+    if (!mayWait) return st;
+    // A running reader makes room within microseconds: look again for a while before
+    // going to sleep, since a sleep and a wake cost more than the wait.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(20);
+    do {
+        for (int i = 0; i < 32; ++i)
+            platform::CpuRelax();
+        EnterHouse(writerLock_);
+        st = Reserve(length, payload);
+        if (st != ring_status::full) {
+            if (st != ring_status::ok) writerLock_.Leave();
+            return st;
+        }
+        writerLock_.Leave();
+    } while (std::chrono::steady_clock::now() < until);
+    return BlockingReserve(length, payload);
 }
 
 ring_status LogRing::BlockingReserve(uint32_t length, uint8_t** payload) noexcept {
@@ -222,16 +255,13 @@ ring_status LogRing::BlockingReserve(uint32_t length, uint8_t** payload) noexcep
 
 void LogRing::ReleaseWrite() noexcept {
     CommitWrite();
-    // The count is read while the lock still keeps the ring alive.
-    const bool wake =
-        control_ != nullptr && control_->readersWaiting.exchange(0, std::memory_order_seq_cst) > 0;
+    // The count is read while the lock still keeps the ring alive. A reader that has not
+    // announced a sleep costs a plain load here.
+    const bool wake = control_ != nullptr &&
+                      control_->readersWaiting.load(std::memory_order_seq_cst) > 0 &&
+                      control_->readersWaiting.exchange(0, std::memory_order_seq_cst) > 0;
     writerLock_.Leave();
     if (wake) (void)dataEvent_.Set();
-}
-
-void LogRing::WakeWriters() noexcept {
-    if (control_ != nullptr && control_->writersWaiting.exchange(0, std::memory_order_seq_cst) > 0)
-        (void)spaceEvent_.Set();
 }
 
 }  // namespace TOLVEN::detail

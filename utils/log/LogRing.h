@@ -14,6 +14,11 @@
 // Writers are serialised by the writer lock; there is one reader at a time. Reserve and
 // CommitWrite need the writer lock held; Peek and CommitRead belong to the reader.
 // AcquireWrite and ReleaseWrite wrap the writer's side with the lock and the wake-ups.
+//
+// Each side keeps a copy of the other side's offset and reads the real one only when its
+// copy says full (writer) or empty (reader); an older offset only ever understates the
+// room or the data. The two offsets and the waiter counts live on separate cache lines,
+// so that a producer and the reader do not write to the same line for every entry.
 #pragma once
 
 #include <atomic>
@@ -33,22 +38,21 @@ enum class ring_status : uint32_t {
     not_created,  // the ring has no memory
 };
 
-// The control block in front of the data area.
+// The control block in front of the data area, one cache line per writer of it.
 struct RingControl {
-    std::atomic<uint32_t> writeOffset;
-    std::atomic<uint32_t> readOffset;
-    std::atomic<uint32_t> writersWaiting;
+    alignas(64) std::atomic<uint32_t> writeOffset;  // written by producers
+    alignas(64) std::atomic<uint32_t> readOffset;   // written by the reader
+    alignas(64) std::atomic<uint32_t> writersWaiting;
     std::atomic<uint32_t> readersWaiting;
     uint32_t capacity;
-    uint32_t reserved;
 };
-static_assert(sizeof(RingControl) == 24, "the control block is 24 bytes");
+static_assert(sizeof(RingControl) == 192, "the control block is three cache lines");
 
 // Safe for many writers under the writer lock and one reader at a time; Create and Destroy
 // need the writer lock and no reader.
 class LogRing {
   public:
-    static constexpr uint32_t kControlBytes = 24;
+    static constexpr uint32_t kControlBytes = sizeof(RingControl);
     static constexpr uint32_t kWrapMarker = 0xFFFFFFFFu;
 
     // A ring without memory. A named ring formats its two object names ("%s_lp", "%s_lu").
@@ -76,6 +80,10 @@ class LogRing {
     ring_status Peek(const uint8_t** payload, uint32_t* length) noexcept;
     // Frees the entry of the open read reservation.
     void CommitRead() noexcept;
+    // Wakes writers that have said they wait for room, once an eighth of the ring has been
+    // freed since the last wake, or at once with `now`. A writer woken for one entry's room
+    // would only block again.
+    void WakeWriters(bool now) noexcept;
 
     // Takes the writer lock and reserves `length` bytes. On a full ring, with `mayWait`,
     // waits on the space event until there is room; without it, gives up. Returns ok with
@@ -84,8 +92,6 @@ class LogRing {
     // Commits the reservation of AcquireWrite, leaves the writer lock and wakes a reader
     // that has said it sleeps.
     void ReleaseWrite() noexcept;
-    // Wakes writers that have said they wait for room.
-    void WakeWriters() noexcept;
 
     CriticalSection& WriterLock() noexcept { return writerLock_; }
     Event& DataEvent() noexcept { return dataEvent_; }
@@ -100,13 +106,18 @@ class LogRing {
 
   private:
     ring_status BlockingReserve(uint32_t length, uint8_t** payload) noexcept;
+    // Where an entry of `length` goes with the offsets given; false when it does not fit.
+    bool Plan(uint64_t w, uint64_t r, uint32_t length, uint64_t* reservation) const noexcept;
 
     RingControl* control_ = nullptr;
     uint8_t* data_ = nullptr;
     uint32_t capacity_ = 0;
     uint32_t pendingWrite_ = 0;
     std::atomic<uint32_t> pendingRead_{0};
-    uint32_t readStart_ = 0;  // where the open read reservation begins
+    uint32_t readStart_ = 0;    // where the open read reservation begins
+    uint32_t cachedRead_ = 0;   // the writers' copy of readOffset
+    uint32_t cachedWrite_ = 0;  // the reader's copy of writeOffset
+    uint64_t freedSinceWake_ = 0;
     std::atomic<uint64_t> blocked_{0};
     CriticalSection writerLock_{4000};
     Event dataEvent_{true};
