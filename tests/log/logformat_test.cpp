@@ -63,32 +63,24 @@ std::string RandomSpec(std::mt19937& rng, bool star, const char* length, char co
 
 }  // namespace
 
+// What the random test below does not reach: floating point, pointers, wide text, the
+// odd cases and what goes to the C library whole.
 TEST(LogFormat, FixedCases) {
     Same("plain text");
-    Same("");
-    Same("%d %i %u %x %X %o", -42, 17, 3000000000u, 0xBEEFu, 0xBEEFu, 8u);
-    Same("%5d|%-5d|%05d|%+d|% d|%.3d|%8.3d|%-8.3d|%08.3d", 42, 42, -42, 42, 42, 7, 7, -7, 7);
-    Same("%#x|%#X|%#o|%#.0o|%#.0x|%.0d|%+.0d|% .0d|%#5.3x", 255u, 255u, 8u, 0u, 0u, 0, 0, 0, 10u);
-    Same("%d|%lld|%lu|%hhd|%hd|%hhu|%hu", INT_MIN, LLONG_MIN, ULONG_MAX, 300, 70000, 300u, 70000u);
-    Same("%zu|%zd|%td|%jd|%ju|%Ld|%qd", size_t{123}, ptrdiff_t{-5}, ptrdiff_t{6}, intmax_t{-7},
-         uintmax_t{8}, 1LL << 40, 1LL << 41);
-    Same("%s|%10s|%-10s|%.2s|%10.2s|%c|%5c|%-5c|", "text", "ab", "ab", "text", "text", 'z', 'y',
-         'x');
+    Same("%d|%lld|%lu|%hhd|%hd|%zu|%jd|%Ld|%qd", INT_MIN, LLONG_MIN, ULONG_MAX, 300, 70000,
+         size_t{123}, intmax_t{-7}, 1LL << 40, 1LL << 41);
     Same("%s|%.3s|%.6s|%8s", static_cast<const char*>(nullptr), static_cast<const char*>(nullptr),
          static_cast<const char*>(nullptr), static_cast<const char*>(nullptr));
-    Same("%*d|%-*d|%*d|%.*d|%.*d|%*.*s", 6, 1, 6, 2, -6, 3, 4, 5, -1, 6, 8, 2, "abcdef");
     Same("%%|%5%|%-3%|100%%");
     Same("%f|%.2f|%10.3e|%-12g|%G|%a|%+08.2f|%Lf", 3.14159, 2.5, 12345.678, 0.0001, 1e100, 1.0,
          -2.25, static_cast<long double>(1.5));
     Same("%p|%20p|%-20p|", static_cast<void*>(nullptr), reinterpret_cast<void*>(0x1234),
          reinterpret_cast<void*>(0xABCDEF));
     Same("%ls|%lc|", L"wide", static_cast<wint_t>(L'w'));
-    // What this code does not know goes to the C library whole.
     Same("%2$d %1$d", 1, 2);
     Same("%y and %d", 5);
     Same("cut off %");
     Same("cut off %-");
-    Same("%llx %X", 0xFFFFFFFFFFFFFFFFull, 0u);
 }
 
 TEST(LogFormat, RandomSpecsAgainstTheCLibrary) {

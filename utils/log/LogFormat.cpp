@@ -450,7 +450,8 @@ int FormatText(char* out, size_t capacity, const char* format, va_list args) {
             }
             case 'c':
                 if (length == Length::l) {
-                    PutThroughLibrary(sink, s, "l", 'c', va_arg(args, wint_t));
+                    PutThroughLibrary(sink, s, "l", 'c',
+                                      static_cast<wint_t>(va_arg(args, unsigned int)));
                 } else {
                     const char c = static_cast<char>(va_arg(args, int));
                     PutText(sink, s, &c, 1);
