@@ -257,6 +257,7 @@ TEST_F(LogApi, LastTermDeliversWhatIsQueued) {
 
 TEST_F(LogApi, ThrowingCallbackDoesNotStopTheLogThread) {
     static std::atomic<int> thrown{0};
+    thrown = 0;
     Init();
     Add(
         [](_LOGGER_CB_DATA* const, void*) {

@@ -45,6 +45,7 @@ bool LockPages(void* address, uint64_t bytes) {
 
 namespace detail {
 PageLockFn SetPageLockerForTest(PageLockFn locker) {
+    g_lockFailureReported.store(false, std::memory_order_relaxed);
     return g_pageLocker.exchange(locker, std::memory_order_acq_rel);
 }
 }  // namespace detail

@@ -8,7 +8,8 @@ namespace TOLVEN::detail {
 // Locks pages; gives false and leaves an error code with the platform on refusal.
 using PageLockFn = bool (*)(void* address, uint64_t bytes);
 
-// Replaces the page locker of AllocateEx (null restores the platform's); returns the old one.
+// Replaces the page locker of AllocateEx (null restores the platform's) and re-arms the
+// once-per-process report of a refusal; returns the old locker.
 PageLockFn SetPageLockerForTest(PageLockFn locker);
 
 }  // namespace TOLVEN::detail
