@@ -164,7 +164,9 @@ void Dispatch(const LogFrame& frame) {
     data.timestamp = frame.timestamp;
     data.threadId = frame.threadId;
     data.userValue = frame.userValue;
-    data.sequence = g_sequence.fetch_add(1, std::memory_order_relaxed) + 1;
+    // Only the one delivering thread counts.
+    data.sequence = g_sequence.load(std::memory_order_relaxed) + 1;
+    g_sequence.store(data.sequence, std::memory_order_relaxed);
 
     HouseLockGuard guard(s.apiLock);
     s.dispatching = true;
@@ -214,7 +216,11 @@ detail::ring_status SpinPeek(detail::LogRing& ring, const uint8_t** payload, uin
         platform::CpuRelax();
         const detail::ring_status st = ring.Peek(payload, length);
         if (st != detail::ring_status::empty) return st;
-        if ((i & 63) == 0 && std::chrono::steady_clock::now() >= until) return st;
+        if ((i & 63) == 0) {
+            if (std::chrono::steady_clock::now() >= until) return st;
+            // On a busy machine the producer may wait for this very processor.
+            if ((i & 1023) == 0) platform::YieldThread();
+        }
     }
 }
 
@@ -231,10 +237,10 @@ void Drain(uint32_t timeoutMs, EventDetectorType* detector, Event* shutdown) {
         uint32_t length;
         detail::ring_status st = ring.Peek(&payload, &length);
         if (st == detail::ring_status::empty && timeoutMs != 0) {
+            // Writers that wait for room get it all now.
+            ring.WakeWriters(true);
             st = SpinPeek(ring, &payload, &length);
             if (st == detail::ring_status::empty) {
-                // Writers that wait for room get it all now.
-                ring.WakeWriters(true);
                 // Announce the sleep, then look again: a frame committed in between is
                 // seen here, and a later one sets the data event.
                 ring.Control()->readersWaiting.fetch_add(1, std::memory_order_seq_cst);
