@@ -73,11 +73,13 @@ struct CallbackRecord {
 
 // Listener counts by level number; only the four levels' entries ever move. Constant
 // initialised and trivially destroyed, so they can be read at any time of the process.
-constinit std::atomic<int32_t> g_levelCounts[LOGGER_ERROR + 1] = {};
+// Every producer reads these; they change only when callbacks or references come and go.
+alignas(64) constinit std::atomic<int32_t> g_levelCounts[LOGGER_ERROR + 1] = {};
 constinit std::atomic<int32_t> g_refCount{0};
-constinit std::atomic<uint32_t> g_sequence{0};
 constinit std::atomic<uint32_t> g_nextId{0};
 constinit std::atomic<uint32_t> g_capacityLimit{0};
+// Written for every message delivered: kept off the producers' lines.
+alignas(64) constinit std::atomic<uint32_t> g_sequence{0};
 #if defined(__GNUC__)
 __attribute__((tls_model("initial-exec")))
 #endif
