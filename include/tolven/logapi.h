@@ -21,6 +21,7 @@
 // registered, and the thread carries on with the next message.
 #pragma once
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 
@@ -83,14 +84,32 @@ log_status LogInitApi();
 // frees the ring. Without a reference it does nothing. Callbacks stay registered.
 void LogTermApi();
 
+namespace detail {
+// How many callbacks take messages of each level, by level number; only the entries of the
+// four named levels ever move. Read by the inline test of LogProcessEvent.
+extern std::atomic<int32_t> logLevelListeners[LOGGER_ERROR + 1];
+// True when some callback takes messages of exactly `level`: a branch and one load.
+inline bool LevelHasListeners(uint32_t level) noexcept {
+    return level <= LOGGER_ERROR && logLevelListeners[level].load(std::memory_order_relaxed) > 0;
+}
+// LogProcessEvent past its level test.
+log_status LogProcessEnabledEvent(logger_event_level level, const char* file, uint32_t line,
+                                  const char* function, const char* format, va_list args,
+                                  uint32_t userValue);
+}  // namespace detail
+
 // Formats `format` with `args` and queues the message. A level nobody listens to costs a
-// branch and one load and gives LOG_SUCCESS; null `file`, `function` or `format` gives
-// LOG_BAD_ARGUMENT; LOG_NOT_AVAILABLE without LogInitApi; LOG_TRUNCATED when the text
-// reached 4095 characters (it is queued cut). `file` and `function` are kept by address
-// until delivery: pass static strings.
-log_status LogProcessEvent(logger_event_level level, const char* file, uint32_t line,
-                           const char* function, const char* format, va_list args,
-                           uint32_t userValue);
+// branch and one load, inline at the caller, and gives LOG_SUCCESS; null `file`, `function`
+// or `format` gives LOG_BAD_ARGUMENT; LOG_NOT_AVAILABLE without LogInitApi; LOG_TRUNCATED
+// when the text reached 4095 characters (it is queued cut). `file` and `function` are kept
+// by address until delivery: pass static strings. The format is printf's, with "%n"
+// writing nothing and the "I64", "I32" and "I" length modifiers understood.
+inline log_status LogProcessEvent(logger_event_level level, const char* file, uint32_t line,
+                                  const char* function, const char* format, va_list args,
+                                  uint32_t userValue) {
+    if (!detail::LevelHasListeners(level)) return LOG_SUCCESS;
+    return detail::LogProcessEnabledEvent(level, file, line, function, format, args, userValue);
+}
 
 // True when some callback takes messages of exactly `level`.
 bool IsLogged(logger_event_level level);
@@ -129,9 +148,11 @@ log_status LogAt(const LogSite& site, uint32_t userValue, const char* format, ..
 
 // Logs from a call site built in place, discarding the status:
 //   TOLVEN_LOG(LOGGER_WARN, "BaseAllocator", "TOLVEN::AllocateEx", "text %u", value);
-#define TOLVEN_LOG(level, file, function, ...)                                             \
-    do {                                                                                   \
-        static constexpr ::TOLVEN::LogSite tolvenLogSite_{file, __LINE__, ::TOLVEN::level, \
-                                                          function};                       \
-        (void)::TOLVEN::LogAt(tolvenLogSite_, 0, __VA_ARGS__);                             \
+#define TOLVEN_LOG(level, file, function, ...)                                                 \
+    do {                                                                                       \
+        if (::TOLVEN::detail::LevelHasListeners(::TOLVEN::level)) {                            \
+            static constexpr ::TOLVEN::LogSite tolvenLogSite_{file, __LINE__, ::TOLVEN::level, \
+                                                              function};                       \
+            (void)::TOLVEN::LogAt(tolvenLogSite_, 0, __VA_ARGS__);                             \
+        }                                                                                      \
     } while (0)

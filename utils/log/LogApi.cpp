@@ -71,11 +71,9 @@ struct CallbackRecord {
     bool removed;
 };
 
-// Listener counts by level number; only the four levels' entries ever move. Constant
-// initialised and trivially destroyed, so they can be read at any time of the process.
-// Every producer reads these; they change only when callbacks or references come and go.
-alignas(64) constinit std::atomic<int32_t> g_levelCounts[LOGGER_ERROR + 1] = {};
-constinit std::atomic<int32_t> g_refCount{0};
+// Constant initialised and trivially destroyed, so they can be read at any time of the
+// process. Every producer reads these; they change only when callbacks or references come and go.
+alignas(64) constinit std::atomic<int32_t> g_refCount{0};
 constinit std::atomic<uint32_t> g_nextId{0};
 constinit std::atomic<uint32_t> g_capacityLimit{0};
 // Written for every message delivered: kept off the producers' lines.
@@ -112,7 +110,8 @@ bool IsNamedLevel(uint32_t level) noexcept {
 void AdjustCounts(uint32_t level, int32_t delta) noexcept {
     if (!IsNamedLevel(level)) return;
     for (uint32_t named : {LOGGER_TRACE, LOGGER_NORMAL, LOGGER_WARN, LOGGER_ERROR})
-        if (named >= level) g_levelCounts[named].fetch_add(delta, std::memory_order_relaxed);
+        if (named >= level)
+            detail::logLevelListeners[named].fetch_add(delta, std::memory_order_relaxed);
 }
 
 // Copies a frame of at least 57 bytes in 16-byte pieces, the last one overlapping the one
@@ -308,6 +307,9 @@ CallbackRecord* Find(std::vector<CallbackRecord>& table, uint32_t id) {
 
 namespace detail {
 
+// Constant initialised and trivially destroyed, so it can be read at any time of the process.
+alignas(64) constinit std::atomic<int32_t> logLevelListeners[LOGGER_ERROR + 1] = {};
+
 CriticalSection& LogApiLock() {
     return State().apiLock;
 }
@@ -436,13 +438,9 @@ void LogTermApi() {
     s.apiLock.Leave();
 }
 
-log_status LogProcessEvent(logger_event_level level, const char* file, uint32_t line,
-                           const char* function, const char* format, va_list args,
-                           uint32_t userValue) {
-    // A level nobody listens to costs this test and nothing else.
-    if (static_cast<uint32_t>(level) > LOGGER_ERROR ||
-        g_levelCounts[level].load(std::memory_order_relaxed) < 1)
-        return LOG_SUCCESS;
+log_status detail::LogProcessEnabledEvent(logger_event_level level, const char* file, uint32_t line,
+                                          const char* function, const char* format, va_list args,
+                                          uint32_t userValue) {
     if (g_refCount.load(std::memory_order_acquire) == 0) return LOG_NOT_AVAILABLE;
     if (file == nullptr || function == nullptr || format == nullptr) return LOG_BAD_ARGUMENT;
 
@@ -484,7 +482,7 @@ log_status LogProcessEvent(logger_event_level level, const char* file, uint32_t 
 }
 
 bool IsLogged(logger_event_level level) {
-    return IsNamedLevel(level) && g_levelCounts[level].load(std::memory_order_relaxed) > 0;
+    return IsNamedLevel(level) && detail::LevelHasListeners(level);
 }
 
 log_status GetLoggingLevel(logger_event_level* level, uint32_t id) {
