@@ -190,9 +190,9 @@ void LogRing::WakeWriters(bool now) noexcept {
     if (control_ == nullptr) return;
     if (!now && freedSinceWake_ < capacity_ / 8) return;
     freedSinceWake_ = 0;
-    // Orders the reader's last offset before the look at the count; a writer counts itself
-    // before it looks at the offset, so one of the two sees the other.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    // Republishes the reader's offset in the single order of the waiter count: a writer
+    // counts itself before it looks at the offset, so one of the two sees the other.
+    (void)control_->readOffset.fetch_add(0, std::memory_order_seq_cst);
     if (control_->writersWaiting.load(std::memory_order_seq_cst) > 0 &&
         control_->writersWaiting.exchange(0, std::memory_order_seq_cst) > 0)
         (void)spaceEvent_.Set();
