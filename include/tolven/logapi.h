@@ -10,7 +10,8 @@
 // All functions are safe for concurrent use without external locking.
 //
 // Callbacks run on "LogThread" with the API lock held, one message at a time, in the order
-// the messages entered the ring. A callback may call LogAddCallbackFunc, GetLoggingLevel,
+// the messages entered the ring; what the last LogTermApi finds left over is delivered on
+// that caller's thread, after "LogThread" has ended. A callback may call LogAddCallbackFunc, GetLoggingLevel,
 // SetLoggingLevel, IsLogged and LogProcessEvent. LogFlush called from a callback returns
 // false at once (it would wait for its own thread), and LogRemoveCallback from a callback
 // takes effect after the current message. A message logged from a callback while the ring
@@ -81,7 +82,8 @@ logger_event_level LoggerLevelFromName(const char* name);
 // LOG_NOT_AVAILABLE when that fails. Waits while a last LogTermApi is under way.
 log_status LogInitApi();
 // Drops a reference; the last one delivers what is queued, then stops "LogThread" and
-// frees the ring. Without a reference it does nothing. Callbacks stay registered.
+// frees the ring. Without a reference it does nothing. Callbacks stay registered. From a
+// callback the last reference is kept, since dropping it would stop the calling thread.
 void LogTermApi();
 
 namespace detail {
