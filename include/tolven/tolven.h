@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tolven/autothread.h"
+#include "tolven/baseallocator.h"
 #include "tolven/blobstatus.h"
 #include "tolven/blobtime.h"
 #include "tolven/configreader.h"
@@ -9,10 +10,11 @@
 #include "tolven/exslots.h"
 #include "tolven/fstring.h"
 #include "tolven/iniconfigreader.h"
+#include "tolven/logapi.h"
 #include "tolven/osutils.h"
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"
 #include "tolven/rwlock.h"
 #include "tolven/tickcounter.h"
-#include "tolven/versioninfo.h"
 #include "tolven/utilerror.h"
+#include "tolven/versioninfo.h"

@@ -10,7 +10,8 @@ if(WIN32)
         utils/platform/process_win32.cpp
         utils/platform/timezone_win32.cpp
         utils/platform/file_win32.cpp
-        utils/platform/filewatch_win32.cpp)
+        utils/platform/filewatch_win32.cpp
+        utils/platform/memory_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS version psapi shlwapi)
 else()
     list(APPEND TOLVEN_SOURCES
@@ -22,7 +23,8 @@ else()
         utils/platform/process_posix.cpp
         utils/platform/timezone_posix.cpp
         utils/platform/file_posix.cpp
-        utils/platform/filewatch_posix.cpp)
+        utils/platform/filewatch_posix.cpp
+        utils/platform/memory_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 # Code that is the same on every platform.
