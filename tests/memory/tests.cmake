@@ -1,2 +1,5 @@
 tolven_add_test(memory CONCURRENCY SOURCES
     memory/baseallocator_test.cpp)
+tolven_add_test(blockalloc CONCURRENCY SOURCES
+    memory/alloc_test_support.cpp
+    memory/blockallocator_test.cpp)
