@@ -15,6 +15,7 @@
 #include "tolven/blockallocator.h"
 #include "tolven/blockalloclist.h"
 #include "tolven/detail/critical_section.h"
+#include "tolven/detail/race_annotations.h"
 #include "tolven/refobj.h"
 
 namespace TOLVEN {
@@ -53,10 +54,7 @@ class FastBlockAllocator : public BlockAllocator {
         uint64_t head = fastHead_.load(std::memory_order_acquire);
         while ((head & kPointerMask) != 0) {
             auto* top = reinterpret_cast<uint64_t*>(head & kPointerMask);
-            // `top` may belong to another thread by now. The read is atomic, and the tag
-            // makes the swap fail if so.
-            const uint64_t next =
-                std::atomic_ref<uint64_t>(*top).load(std::memory_order_relaxed) & kPointerMask;
+            const uint64_t next = ReadLink(top);
             if (fastHead_.compare_exchange_weak(head, next | NextTag(head),
                                                 std::memory_order_acquire,
                                                 std::memory_order_acquire))
@@ -90,6 +88,16 @@ class FastBlockAllocator : public BlockAllocator {
 
     // The tag of `head` plus one, wrapping at 16 bits, in place.
     static uint64_t NextTag(uint64_t head) { return (head + kTagOne) & ~kPointerMask; }
+
+    // The link in a block's first word. The block may belong to another thread by now: the
+    // read is atomic, its value is used only if the swap then finds the head unchanged,
+    // and the tag makes sure it cannot.
+    static uint64_t ReadLink(uint64_t* block) {
+        TOLVEN_IGNORE_READS_BEGIN();
+        const uint64_t link = std::atomic_ref<uint64_t>(*block).load(std::memory_order_relaxed);
+        TOLVEN_IGNORE_READS_END();
+        return link & kPointerMask;
+    }
 
     void Push(uint64_t address) {
         __builtin_prefetch(&fastHead_, 1);

@@ -68,8 +68,7 @@ blockalloc_status FastBlockAllocator::Term() {
     uint64_t head = fastHead_.load(std::memory_order_acquire);
     while ((head & kPointerMask) != 0) {
         auto* top = reinterpret_cast<uint64_t*>(head & kPointerMask);
-        const uint64_t next =
-            std::atomic_ref<uint64_t>(*top).load(std::memory_order_relaxed) & kPointerMask;
+        const uint64_t next = ReadLink(top);
         if (fastHead_.compare_exchange_weak(head, next | NextTag(head), std::memory_order_acquire,
                                             std::memory_order_acquire))
             (void)BlockAllocator::ReleaseBlock(top);
