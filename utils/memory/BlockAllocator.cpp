@@ -4,10 +4,10 @@
 #include <new>
 
 #include "memory/BlockAllocatorHooks.h"
+#include "platform/coarseclock.h"
 #include "tolven/baseallocator.h"
 #include "tolven/blockallocstatmngr.h"
 #include "tolven/quicklock.h"
-#include "tolven/tickcounter.h"
 
 namespace TOLVEN {
 namespace {
@@ -35,10 +35,13 @@ bool PageFree(void* address, uint64_t size, uint32_t flags) {
     return FreeAllocationEx(address, size, flags);
 }
 
+// Milliseconds, truncated to 32 bits, for idle stamps. Compaction counts whole seconds, and
+// a release reads the clock whenever a run is idle: the coarse clock is precise enough and
+// much cheaper to read than the tick counter.
 uint32_t NowMs() {
     const detail::BlockAllocatorTestOps* ops = g_ops.load(std::memory_order_acquire);
     if (ops != nullptr && ops->ticks != nullptr) return ops->ticks();
-    return OrrelTickCounter::Instance()->GetTicks();
+    return static_cast<uint32_t>(platform::CoarseMonotonicMs());
 }
 
 uint64_t* HeaderOf(void* payload) {

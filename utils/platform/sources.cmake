@@ -10,6 +10,7 @@ if(WIN32)
         utils/platform/process_win32.cpp
         utils/platform/timezone_win32.cpp
         utils/platform/memory_win32.cpp
+        utils/platform/coarseclock_win32.cpp
         utils/platform/file_win32.cpp
         utils/platform/filewatch_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS version psapi shlwapi)
@@ -23,6 +24,7 @@ else()
         utils/platform/process_posix.cpp
         utils/platform/timezone_posix.cpp
         utils/platform/memory_posix.cpp
+        utils/platform/coarseclock_posix.cpp
         utils/platform/file_posix.cpp
         utils/platform/filewatch_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
