@@ -2,11 +2,13 @@
 #pragma once
 
 #include "tolven/autothread.h"
+#include "tolven/baseallocator.h"
 #include "tolven/blobstatus.h"
 #include "tolven/blobtime.h"
 #include "tolven/configreader.h"
 #include "tolven/event.h"
 #include "tolven/exslots.h"
+#include "tolven/logapi.h"
 #include "tolven/osutils.h"
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"

@@ -7,7 +7,8 @@ if(WIN32)
         utils/platform/tls_win32.cpp
         utils/platform/host_win32.cpp
         utils/platform/process_win32.cpp
-        utils/platform/timezone_win32.cpp)
+        utils/platform/timezone_win32.cpp
+        utils/platform/memory_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS version psapi)
 else()
     list(APPEND TOLVEN_SOURCES
@@ -17,7 +18,8 @@ else()
         utils/platform/tls_posix.cpp
         utils/platform/host_posix.cpp
         utils/platform/process_posix.cpp
-        utils/platform/timezone_posix.cpp)
+        utils/platform/timezone_posix.cpp
+        utils/platform/memory_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 list(APPEND TOLVEN_SOURCES
