@@ -8,8 +8,10 @@ if(WIN32)
         utils/platform/host_win32.cpp
         utils/platform/process_win32.cpp
         utils/platform/timezone_win32.cpp
-        utils/platform/memory_win32.cpp)
-    set(TOLVEN_PLATFORM_LIBS version psapi)
+        utils/platform/memory_win32.cpp
+        utils/platform/file_win32.cpp
+        utils/platform/filewatch_win32.cpp)
+    set(TOLVEN_PLATFORM_LIBS version psapi shlwapi)
 else()
     list(APPEND TOLVEN_SOURCES
         utils/platform/critical_section_posix.cpp
@@ -19,7 +21,9 @@ else()
         utils/platform/host_posix.cpp
         utils/platform/process_posix.cpp
         utils/platform/timezone_posix.cpp
-        utils/platform/memory_posix.cpp)
+        utils/platform/memory_posix.cpp
+        utils/platform/file_posix.cpp
+        utils/platform/filewatch_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 list(APPEND TOLVEN_SOURCES

@@ -1,0 +1,1 @@
+tolven_add_bench(rwlock SOURCES rwlock_bench.cpp)

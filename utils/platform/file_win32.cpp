@@ -1,0 +1,113 @@
+#include "platform/file.h"
+
+#include <cstring>
+
+#include <windows.h>
+#include <fcntl.h>
+#include <io.h>
+#include <shlwapi.h>
+
+namespace TOLVEN::platform {
+namespace {
+// 100-nanosecond intervals between 1601-01-01 and 1970-01-01.
+constexpr uint64_t kEpochDelta = 116444736000000000ull;
+}  // namespace
+
+bool GetFileStamp(const char* path, FileStamp* out) noexcept {
+    if (path == nullptr || path[0] == '\0') return false;
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    if (!::GetFileAttributesExA(path, GetFileExInfoStandard, &data)) return false;
+    const uint64_t ticks = (static_cast<uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32) |
+                           data.ftLastWriteTime.dwLowDateTime;
+    const int64_t since1970 = static_cast<int64_t>(ticks) - static_cast<int64_t>(kEpochDelta);
+    int64_t seconds = since1970 / 10000000;
+    int64_t rest = since1970 % 10000000;
+    if (rest < 0) {
+        rest += 10000000;
+        --seconds;
+    }
+    out->seconds = seconds;
+    out->nanoseconds = static_cast<uint32_t>(rest * 100);
+    out->size = (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+    out->fileId = 0;
+    out->links = 0;
+    out->regular =
+        (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) == 0;
+    return true;
+}
+
+std::FILE* OpenFileShared(const char* path, const char* mode) noexcept {
+    if (path == nullptr || path[0] == '\0' || mode == nullptr) return nullptr;
+    // Others may read, write, delete and rename over the file while it is open, as on
+    // POSIX: a save by rename must not fail because a reader is loading the file.
+    const bool plus = std::strchr(mode, '+') != nullptr;
+    DWORD access = 0, disposition = 0;
+    int flags = _O_BINARY;
+    switch (mode[0]) {
+        case 'r':
+            access = GENERIC_READ | (plus ? GENERIC_WRITE : 0);
+            disposition = OPEN_EXISTING;
+            flags |= plus ? _O_RDWR : _O_RDONLY;
+            break;
+        case 'w':
+            access = GENERIC_WRITE | (plus ? GENERIC_READ : 0);
+            disposition = CREATE_ALWAYS;
+            flags |= plus ? _O_RDWR : _O_WRONLY;
+            break;
+        case 'a':
+            access = FILE_APPEND_DATA | (plus ? GENERIC_READ : 0);
+            disposition = OPEN_ALWAYS;
+            flags |= _O_APPEND | (plus ? _O_RDWR : _O_WRONLY);
+            break;
+        default:
+            return nullptr;
+    }
+    const HANDLE handle =
+        ::CreateFileA(path, access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                      disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) return nullptr;
+    const int fd = ::_open_osfhandle(reinterpret_cast<intptr_t>(handle), flags);
+    if (fd < 0) {
+        ::CloseHandle(handle);
+        return nullptr;
+    }
+    std::FILE* file = ::_fdopen(fd, mode);
+    if (file == nullptr) ::_close(fd);
+    return file;
+}
+
+bool FlushFileToDisk(std::FILE* file) noexcept {
+    if (std::fflush(file) != 0 || std::ferror(file) != 0) return false;
+    const intptr_t handle = ::_get_osfhandle(::_fileno(file));
+    if (handle == -1) return false;
+    return ::FlushFileBuffers(reinterpret_cast<HANDLE>(handle)) != 0;
+}
+
+bool RenameReplacing(const char* from, const char* to) noexcept {
+    return ::MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+}
+
+bool SyncParentDirectory(const char*) noexcept {
+    // MOVEFILE_WRITE_THROUGH returns only once the rename is on the disk.
+    return true;
+}
+
+bool RemoveFile(const char* path) noexcept {
+    return ::DeleteFileA(path) != 0;
+}
+
+bool IsRelativePath(const char* path) noexcept {
+    return path == nullptr || ::PathIsRelativeA(path) != FALSE;
+}
+
+char PathSeparator() noexcept {
+    return '\\';
+}
+
+bool CanonicalPath(const char* path, char* out, std::size_t size) noexcept {
+    if (size == 0 || size > 0x7FFFFFFF) return false;
+    const DWORD n = ::GetFullPathNameA(path, static_cast<DWORD>(size), out, nullptr);
+    return n != 0 && n < size;
+}
+
+}  // namespace TOLVEN::platform
