@@ -10,7 +10,8 @@ if(WIN32)
         utils/platform/timezone_win32.cpp
         utils/platform/memory_win32.cpp
         utils/platform/file_win32.cpp
-        utils/platform/filewatch_win32.cpp)
+        utils/platform/filewatch_win32.cpp
+        utils/platform/directory_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS version psapi shlwapi)
 else()
     list(APPEND TOLVEN_SOURCES
@@ -23,7 +24,8 @@ else()
         utils/platform/timezone_posix.cpp
         utils/platform/memory_posix.cpp
         utils/platform/file_posix.cpp
-        utils/platform/filewatch_posix.cpp)
+        utils/platform/filewatch_posix.cpp
+        utils/platform/directory_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 list(APPEND TOLVEN_SOURCES
