@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "tolven/configreader.h"
 #include "tolven/exslots.h"
@@ -106,27 +107,39 @@ struct DefaultRefCount {
 
 namespace detail {
 
-// The untyped core of EventSink: items ordered by the sink pointer's value, each with a
-// sequence number, a removed flag, an erase-pending flag, an in-use count and a waiter.
-// A spin word guards the items; it is held only for a step of a firing or for the
-// bookkeeping of Add and Remove, never while a sink is called. Safe for concurrent use
-// without external locking.
+// The untyped core of EventSink. Items are kept in order of the sink pointer's value; the
+// live ones are also published as an immutable snapshot, which a firing takes with one
+// short hold of the spin word and walks without it. A firing publishes how far it got, so
+// that a removal can wait until every firing that might still call the sink has passed
+// it. Safe for concurrent use without external locking.
 class EventSinkCore {
   public:
+    // One registration of a sink.
     struct Item {
+        void* sink = nullptr;
         uint32_t sequence = 0;
-        bool removed = false;
-        bool erasePending = false;
-        uint32_t inUse = 0;
-        void* waiter = nullptr;  // the Event of a Remove that waits, or null
+        std::atomic<bool> removed{false};
+        uint32_t holders = 0;                // snapshots that list the item
+        std::atomic<void*> waiter{nullptr};  // the Event of a removal that waits, or null
     };
-    using ItemMap = std::multimap<void*, Item>;
-
-    // Where a firing stands: the item called last, and the newest sequence it may call.
-    struct Cursor {
-        ItemMap::iterator position;
-        bool started = false;
-        uint32_t limit = 0;
+    // One sink of a snapshot, with its item.
+    struct Entry {
+        Item* item;
+        void* sink;
+    };
+    // The live items in pointer order when it was made; shared by the firings that use it.
+    struct Snapshot {
+        uint32_t users = 0;  // firings walking it
+        uint32_t count = 0;
+        Entry* entries = nullptr;
+    };
+    // A firing under way, on the stack of its thread.
+    struct Firing {
+        Firing* prev = nullptr;
+        Firing* next = nullptr;
+        Snapshot* snapshot = nullptr;
+        std::atomic<uint32_t> done{0};  // entries of the snapshot the firing is past
+        uint32_t thread = 0;            // OS id of the firing thread
     };
 
     // `release` (may be null) is called for each sink whose item is erased.
@@ -137,32 +150,60 @@ class EventSinkCore {
 
     // Adds `sink` unless it is present and not removed; true when a new item was made.
     bool Add(void* sink);
-    // Marks the first live item of `sink` removed and erases it once no firing uses it,
-    // waiting up to `waitMs` for firings on other threads; from within a firing on this
+    // Marks the live item of `sink` removed. When a firing on another thread may still call
+    // it, waits up to `waitMs` for that firing to pass it; from within a firing on this
     // thread it returns at once. False when no live item of `sink` exists.
     bool Remove(void* sink, uint32_t waitMs);
-    // The next sink of a firing, or null at its end (the cursor is then finished).
-    void* Step(Cursor& cursor);
-    // Adds `delta` to this thread's firing depth.
-    void AdjustDepth(int delta);
-    // This thread's firing depth.
-    uintptr_t Depth() const;
+
+    // Starts a firing over the sinks registered now; false when there is nothing to call.
+    bool Begin(Firing& firing);
+    // True when the firing may call the sink of `entry`.
+    bool MayCall(const Entry& entry) const {
+        return !entry.item->removed.load(std::memory_order_acquire) &&
+               enabled_.load(std::memory_order_relaxed);
+    }
+    // Records that the firing is past its first `done` entries, the last of them `entry`,
+    // and wakes a removal that waits for it.
+    void Passed(Firing& firing, const Entry& entry, uint32_t done) {
+        firing.done.store(done, std::memory_order_release);
+        if (entry.item->waiter.load(std::memory_order_acquire) != nullptr) Wake(entry.item);
+    }
+    // Ends a firing started by Begin.
+    void End(Firing& firing);
+
     // Turns firing on or off; nothing fires while off.
     void Enable(bool on);
     // True while firing is on.
-    bool IsEnabled() const;
-    // Number of items, removed ones included.
+    bool IsEnabled() const { return enabled_.load(std::memory_order_acquire); }
+    // Number of items, removed ones still listed by a firing included.
     size_t ItemCount() const;
 
   private:
-    void Lock() noexcept;
+    void Wake(Item* item);
+    void Lock() noexcept {
+        uint32_t expected = 0;
+        if (!spin_.compare_exchange_weak(expected, 1, std::memory_order_acquire,
+                                         std::memory_order_relaxed))
+            LockSlow();
+    }
+    void LockSlow() noexcept;
     void Unlock() noexcept { spin_.store(0, std::memory_order_release); }
+    // Replaces the current snapshot by one of the live items. Hold the spin word.
+    void Republish(std::vector<void*>& released);
+    // Drops a snapshot that no firing uses and is not current. Hold the spin word.
+    void DropSnapshot(Snapshot* snap, std::vector<void*>& released);
+    // True when a firing may still call `item`; `mine` tells whether such a firing, or any
+    // firing of this registry, runs on this thread. Hold the spin word.
+    bool InUse(const Item* item, uint32_t self, bool* mine) const;
+    void CallRelease(const std::vector<void*>& released);
 
     std::atomic<uint32_t> spin_{0};
-    ItemMap items_;
-    SlotDetails depth_;
-    bool enabled_ = false;
+    std::multimap<void*, Item*> items_;
+    Snapshot* current_ = nullptr;
+    Firing* firings_ = nullptr;
+    std::atomic<bool> enabled_{false};
     uint32_t sequence_ = 0;
+    uint32_t waiters_ = 0;  // removals waiting for a firing
     void (*release_)(void*);
 };
 
@@ -171,11 +212,11 @@ class EventSinkCore {
 // A registry of event sinks of class `Sink`. A firing calls a member function on every
 // sink, in ascending order of the sinks' pointer values (not in the order they were
 // added). A sink added during a firing is not called by that firing; a sink removed during
-// a firing is not called again, and its removal waits for the call under way on another
-// thread (up to the given time), or returns at once when made from inside a call on the
-// same thread. `Blocks` is the node count per chunk of a pooled map allocator; the items
-// use the standard allocator. `RefPolicy` counts references on sinks while they are
-// registered. Safe for concurrent use without external locking.
+// a firing is not called again. A removal from another thread waits (up to the given time)
+// until the firings that may still call the sink have passed it; made from inside a call
+// on the same thread, it returns at once. `Blocks` is the node count per chunk of a pooled
+// allocator; the items use the standard allocator. `RefPolicy` counts references on sinks
+// while they are registered. Safe for concurrent use without external locking.
 template <class Sink, int Blocks = 100, class RefPolicy = DefaultRefCount>
 class EventSink {
   public:
@@ -187,7 +228,10 @@ class EventSink {
 
     // Adds a sink; adding a sink that is present does nothing. Always basicsrv_success.
     basicsrv_status AddSink(Sink* sink) {
-        if (sink != nullptr && core_.Add(sink)) RefPolicy::AddRef(sink);
+        if (sink != nullptr) {
+            RefPolicy::AddRef(sink);
+            if (!core_.Add(sink)) RefPolicy::Release(sink);
+        }
         return basicsrv_success;
     }
     // Removes a sink: basicsrv_not_found when it is not present, else basicsrv_success,
@@ -199,53 +243,63 @@ class EventSink {
     // Walks the sinks of one firing. Not thread-safe: one firing, one thread.
     class FiringIterator {
       public:
-        explicit FiringIterator(EventSink& registry) : core_(&registry.core_) {
-            core_->AdjustDepth(1);
-        }
+        explicit FiringIterator(EventSink& registry)
+            : core_(&registry.core_), active_(core_->Begin(firing_)) {}
         ~FiringIterator() {
-            if (!done_) Finish();
-            core_->AdjustDepth(-1);
+            if (!active_) return;
+            const auto* snap = firing_.snapshot;
+            if (position_ > 0 && position_ <= snap->count)
+                core_->Passed(firing_, snap->entries[position_ - 1], position_);
+            core_->End(firing_);
         }
         FiringIterator(const FiringIterator&) = delete;
         FiringIterator& operator=(const FiringIterator&) = delete;
         // The next sink to call, or null at the end.
         Sink* Next() {
-            if (done_) return nullptr;
-            void* sink = core_->Step(cursor_);
-            if (sink == nullptr) done_ = true;
-            return static_cast<Sink*>(sink);
+            if (!active_) return nullptr;
+            const auto* snap = firing_.snapshot;
+            while (position_ < snap->count) {
+                if (position_ > 0) core_->Passed(firing_, snap->entries[position_ - 1], position_);
+                const auto& entry = snap->entries[position_++];
+                if (core_->MayCall(entry)) return static_cast<Sink*>(entry.sink);
+            }
+            return nullptr;
         }
 
       private:
-        // Gives back the item called last when the walk stops early.
-        void Finish() {
-            while (Next() != nullptr) {
-            }
-        }
         detail::EventSinkCore* core_;
-        detail::EventSinkCore::Cursor cursor_;
-        bool done_ = false;
+        detail::EventSinkCore::Firing firing_;
+        uint32_t position_ = 0;
+        bool active_;
     };
 
     // Calls `(sink->*method)(args...)` on each sink of one firing. A sink that throws is
     // passed over; the firing goes on with the next one.
     template <class... A, class... Args>
     void Fire(void (Sink::*method)(A...), Args&&... args) {
-        FiringIterator it(*this);
-        while (Sink* sink = it.Next()) {
-            try {
-                (sink->*method)(args...);
-            } catch (...) {
-                OnSinkException();
+        detail::EventSinkCore::Firing firing;
+        if (!core_.Begin(firing)) return;
+        const detail::EventSinkCore::Entry* entries = firing.snapshot->entries;
+        const uint32_t count = firing.snapshot->count;
+        for (uint32_t i = 0; i < count; ++i) {
+            const detail::EventSinkCore::Entry& entry = entries[i];
+            if (core_.MayCall(entry)) {
+                try {
+                    (static_cast<Sink*>(entry.sink)->*method)(args...);
+                } catch (...) {
+                    OnSinkException();
+                }
             }
+            core_.Passed(firing, entry, i + 1);
         }
+        core_.End(firing);
     }
 
     // Turns firing on or off.
     void Enable(bool on) { core_.Enable(on); }
     // True while firing is on.
     bool IsEnabled() const { return core_.IsEnabled(); }
-    // Number of items, removed ones still in use included.
+    // Number of items, removed ones still listed by a firing included.
     size_t ItemCount() const { return core_.ItemCount(); }
 
   private:
