@@ -17,13 +17,22 @@ using namespace TOLVEN;
 
 namespace {
 
+// The benchmark's folder, removed at exit.
+struct TempDir {
+    std::filesystem::path path = std::filesystem::temp_directory_path() /
+                                 ("tolven_config_bench_" + std::to_string(::getpid()));
+    ~TempDir() {
+        std::error_code ec;
+        std::filesystem::remove_all(path, ec);
+    }
+};
+
 // A service-sized file: a default section and a few others of a dozen items.
 const std::string& File() {
+    static TempDir dir;
     static const std::string path = [] {
-        const auto dir = std::filesystem::temp_directory_path() /
-                         ("tolven_config_bench_" + std::to_string(::getpid()));
-        std::filesystem::create_directories(dir);
-        const std::string p = std::filesystem::canonical(dir).string() + "/bench.ini";
+        std::filesystem::create_directories(dir.path);
+        const std::string p = std::filesystem::canonical(dir.path).string() + "/bench.ini";
         std::ofstream out(p);
         for (const char* section : {"default", "Network", "Database", "Trading"}) {
             out << "[" << section << "]\n";

@@ -51,9 +51,9 @@ class IniConfigReader : public ConfigReader {
     configreader_status WriteBool(const char* section, const char* item, bool value) override;
     configreader_status WriteBinary(const char* section, const char* item, unsigned char* data,
                                     size_t size) override;
-    // Text holding a line break cannot be stored in a line and gives
-    // configreader_invalid_parameter, as do such names, a section name with ']' and an item
-    // name with '=' or ';' or '#' in front.
+    // Text that would not read back as written gives configreader_invalid_parameter: a line
+    // break in any argument, ']' in the section name, '=' in the item name, or an item name
+    // that starts with ';', '#' or '['.
     configreader_status WriteString(const char* section, const char* item,
                                     const char* value) override;
     // Written as a signed 32-bit number ("%d"): 4294967295 is stored as -1 and reads back

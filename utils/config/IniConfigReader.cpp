@@ -78,19 +78,18 @@ bool IsBadItemName(const char* item) noexcept {
 // as the process. False when it could not be started.
 bool StartWatcherThread() {
     static std::once_flag once;
-    static std::atomic<bool> running{false};
+    static auto_thread* thread = nullptr;  // kept for the life of the process
     std::call_once(once, [] {
-        auto* thread = new auto_thread;  // kept for the life of the process
-        if (thread->launch("IniFileWatcher", [] {
+        thread = new auto_thread;
+        if (!thread->launch("IniFileWatcher", [] {
                 while (platform::PumpFileWatches(kInfinite)) {
                 }
             })) {
-            running.store(true, std::memory_order_release);
-        } else {
             delete thread;
+            thread = nullptr;
         }
     });
-    return running.load(std::memory_order_acquire);
+    return thread != nullptr;
 }
 
 }  // namespace

@@ -27,8 +27,8 @@ struct FileStamp {
 // Reads the stamp of the file at `path` (following links); false when it cannot be reached.
 bool GetFileStamp(const char* path, FileStamp* out) noexcept;
 
-// Opens a file with stdio `mode`, letting other processes read, write and delete it meanwhile.
-// Null on failure.
+// Opens a file with stdio `mode`, letting others read, write, delete or rename over it
+// meanwhile. Null on failure.
 std::FILE* OpenFileShared(const char* path, const char* mode) noexcept;
 
 // Flushes stdio buffers and then the OS cache of the file to the device.
