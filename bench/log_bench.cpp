@@ -3,7 +3,8 @@
 // Both format on the caller's thread and hand the result to one background thread.
 // - Disabled: a call at a level nobody listens to.
 // - Latency: per-call time of an enabled call with three integers, from 1 and 2 producer
-//   threads in a tight loop, as p50/p99/p99.9 in nanoseconds (counters "p50_ns" ...).
+//   threads in a tight loop, as p50/p99/p99.9 in nanoseconds (counters "p50_ns" ...). The
+//   figures include the clock readings around the call; ClockOnly shows what they cost.
 // - Throughput: messages per second to a callback (sink) that counts, waiting until the
 //   last one has arrived; our callback also checks that sequence numbers are contiguous.
 #include <benchmark/benchmark.h>
@@ -90,6 +91,18 @@ void BM_Disabled_Tolven_LogAt(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_Disabled_Tolven_LogAt);
+
+void BM_Disabled_Tolven_Macro(benchmark::State& state) {
+    TolvenSetup setup(&NullCallback, nullptr, LOGGER_ERROR);
+    int i = 0;
+    for (auto _ : state) {
+        TOLVEN_LOG(LOGGER_TRACE, "log_bench", "TOLVEN::Bench", "order %d qty %d price %d", i, i * 3,
+                   i * 7);
+        ++i;
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_Disabled_Tolven_Macro);
 
 // ---- spdlog ------------------------------------------------------------------------------
 
@@ -180,6 +193,17 @@ void MeasureLatency(benchmark::State& state, int threads, Call call) {
     state.counters["p999_ns"] = at(0.999);
     state.SetItemsProcessed(static_cast<int64_t>(all.size()));
 }
+
+// The cost of the two clock readings around each call, to read the figures below by.
+void BM_Latency_ClockOnly(benchmark::State& state) {
+    MeasureLatency(state, static_cast<int>(state.range(0)),
+                   [](int i) { benchmark::DoNotOptimize(i); });
+}
+BENCHMARK(BM_Latency_ClockOnly)
+    ->Arg(1)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 void BM_Latency_Tolven(benchmark::State& state) {
     TolvenSetup setup(&NullCallback, nullptr, LOGGER_TRACE);

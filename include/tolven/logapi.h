@@ -10,7 +10,8 @@
 // All functions are safe for concurrent use without external locking.
 //
 // Callbacks run on "LogThread" with the API lock held, one message at a time, in the order
-// the messages entered the ring. A callback may call LogAddCallbackFunc, GetLoggingLevel,
+// the messages entered the ring; what the last LogTermApi finds left over is delivered on
+// that caller's thread, after "LogThread" has ended. A callback may call LogAddCallbackFunc, GetLoggingLevel,
 // SetLoggingLevel, IsLogged and LogProcessEvent. LogFlush called from a callback returns
 // false at once (it would wait for its own thread), and LogRemoveCallback from a callback
 // takes effect after the current message. A message logged from a callback while the ring
@@ -21,6 +22,7 @@
 // registered, and the thread carries on with the next message.
 #pragma once
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 
@@ -80,17 +82,36 @@ logger_event_level LoggerLevelFromName(const char* name);
 // LOG_NOT_AVAILABLE when that fails. Waits while a last LogTermApi is under way.
 log_status LogInitApi();
 // Drops a reference; the last one delivers what is queued, then stops "LogThread" and
-// frees the ring. Without a reference it does nothing. Callbacks stay registered.
+// frees the ring. Without a reference it does nothing. Callbacks stay registered. From a
+// callback the last reference is kept, since dropping it would stop the calling thread.
 void LogTermApi();
 
+namespace detail {
+// How many callbacks take messages of each level, by level number; only the entries of the
+// four named levels ever move. Read by the inline test of LogProcessEvent.
+extern std::atomic<int32_t> logLevelListeners[LOGGER_ERROR + 1];
+// True when some callback takes messages of exactly `level`: a branch and one load.
+inline bool LevelHasListeners(uint32_t level) noexcept {
+    return level <= LOGGER_ERROR && logLevelListeners[level].load(std::memory_order_relaxed) > 0;
+}
+// LogProcessEvent past its level test.
+log_status LogProcessEnabledEvent(logger_event_level level, const char* file, uint32_t line,
+                                  const char* function, const char* format, va_list args,
+                                  uint32_t userValue);
+}  // namespace detail
+
 // Formats `format` with `args` and queues the message. A level nobody listens to costs a
-// branch and one load and gives LOG_SUCCESS; null `file`, `function` or `format` gives
-// LOG_BAD_ARGUMENT; LOG_NOT_AVAILABLE without LogInitApi; LOG_TRUNCATED when the text
-// reached 4095 characters (it is queued cut). `file` and `function` are kept by address
-// until delivery: pass static strings.
-log_status LogProcessEvent(logger_event_level level, const char* file, uint32_t line,
-                           const char* function, const char* format, va_list args,
-                           uint32_t userValue);
+// branch and one load, inline at the caller, and gives LOG_SUCCESS; null `file`, `function`
+// or `format` gives LOG_BAD_ARGUMENT; LOG_NOT_AVAILABLE without LogInitApi; LOG_TRUNCATED
+// when the text reached 4095 characters (it is queued cut). `file` and `function` are kept
+// by address until delivery: pass static strings. The format is printf's, with "%n"
+// writing nothing and the "I64", "I32" and "I" length modifiers understood.
+inline log_status LogProcessEvent(logger_event_level level, const char* file, uint32_t line,
+                                  const char* function, const char* format, va_list args,
+                                  uint32_t userValue) {
+    if (!detail::LevelHasListeners(level)) return LOG_SUCCESS;
+    return detail::LogProcessEnabledEvent(level, file, line, function, format, args, userValue);
+}
 
 // True when some callback takes messages of exactly `level`.
 bool IsLogged(logger_event_level level);
@@ -129,9 +150,11 @@ log_status LogAt(const LogSite& site, uint32_t userValue, const char* format, ..
 
 // Logs from a call site built in place, discarding the status:
 //   TOLVEN_LOG(LOGGER_WARN, "BaseAllocator", "TOLVEN::AllocateEx", "text %u", value);
-#define TOLVEN_LOG(level, file, function, ...)                                             \
-    do {                                                                                   \
-        static constexpr ::TOLVEN::LogSite tolvenLogSite_{file, __LINE__, ::TOLVEN::level, \
-                                                          function};                       \
-        (void)::TOLVEN::LogAt(tolvenLogSite_, 0, __VA_ARGS__);                             \
+#define TOLVEN_LOG(level, file, function, ...)                                                 \
+    do {                                                                                       \
+        if (::TOLVEN::detail::LevelHasListeners(::TOLVEN::level)) {                            \
+            static constexpr ::TOLVEN::LogSite tolvenLogSite_{file, __LINE__, ::TOLVEN::level, \
+                                                              function};                       \
+            (void)::TOLVEN::LogAt(tolvenLogSite_, 0, __VA_ARGS__);                             \
+        }                                                                                      \
     } while (0)

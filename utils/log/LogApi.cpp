@@ -71,13 +71,13 @@ struct CallbackRecord {
     bool removed;
 };
 
-// Listener counts by level number; only the four levels' entries ever move. Constant
-// initialised and trivially destroyed, so they can be read at any time of the process.
-constinit std::atomic<int32_t> g_levelCounts[LOGGER_ERROR + 1] = {};
-constinit std::atomic<int32_t> g_refCount{0};
-constinit std::atomic<uint32_t> g_sequence{0};
+// Constant initialised and trivially destroyed, so they can be read at any time of the
+// process. Every producer reads these; they change only when callbacks or references come and go.
+alignas(64) constinit std::atomic<int32_t> g_refCount{0};
 constinit std::atomic<uint32_t> g_nextId{0};
 constinit std::atomic<uint32_t> g_capacityLimit{0};
+// Written for every message delivered: kept off the producers' lines.
+alignas(64) constinit std::atomic<uint32_t> g_sequence{0};
 #if defined(__GNUC__)
 __attribute__((tls_model("initial-exec")))
 #endif
@@ -110,7 +110,8 @@ bool IsNamedLevel(uint32_t level) noexcept {
 void AdjustCounts(uint32_t level, int32_t delta) noexcept {
     if (!IsNamedLevel(level)) return;
     for (uint32_t named : {LOGGER_TRACE, LOGGER_NORMAL, LOGGER_WARN, LOGGER_ERROR})
-        if (named >= level) g_levelCounts[named].fetch_add(delta, std::memory_order_relaxed);
+        if (named >= level)
+            detail::logLevelListeners[named].fetch_add(delta, std::memory_order_relaxed);
 }
 
 // Copies a frame of at least 57 bytes in 16-byte pieces, the last one overlapping the one
@@ -164,7 +165,9 @@ void Dispatch(const LogFrame& frame) {
     data.timestamp = frame.timestamp;
     data.threadId = frame.threadId;
     data.userValue = frame.userValue;
-    data.sequence = g_sequence.fetch_add(1, std::memory_order_relaxed) + 1;
+    // Only the one delivering thread counts.
+    data.sequence = g_sequence.load(std::memory_order_relaxed) + 1;
+    g_sequence.store(data.sequence, std::memory_order_relaxed);
 
     HouseLockGuard guard(s.apiLock);
     s.dispatching = true;
@@ -214,7 +217,11 @@ detail::ring_status SpinPeek(detail::LogRing& ring, const uint8_t** payload, uin
         platform::CpuRelax();
         const detail::ring_status st = ring.Peek(payload, length);
         if (st != detail::ring_status::empty) return st;
-        if ((i & 63) == 0 && std::chrono::steady_clock::now() >= until) return st;
+        if ((i & 63) == 0) {
+            if (std::chrono::steady_clock::now() >= until) return st;
+            // On a busy machine the producer may wait for this very processor.
+            if ((i & 1023) == 0) platform::YieldThread();
+        }
     }
 }
 
@@ -231,10 +238,10 @@ void Drain(uint32_t timeoutMs, EventDetectorType* detector, Event* shutdown) {
         uint32_t length;
         detail::ring_status st = ring.Peek(&payload, &length);
         if (st == detail::ring_status::empty && timeoutMs != 0) {
+            // Writers that wait for room get it all now.
+            ring.WakeWriters(true);
             st = SpinPeek(ring, &payload, &length);
             if (st == detail::ring_status::empty) {
-                // Writers that wait for room get it all now.
-                ring.WakeWriters(true);
                 // Announce the sleep, then look again: a frame committed in between is
                 // seen here, and a later one sets the data event.
                 ring.Control()->readersWaiting.fetch_add(1, std::memory_order_seq_cst);
@@ -299,6 +306,9 @@ CallbackRecord* Find(std::vector<CallbackRecord>& table, uint32_t id) {
 }  // namespace
 
 namespace detail {
+
+// Constant initialised and trivially destroyed, so it can be read at any time of the process.
+alignas(64) constinit std::atomic<int32_t> logLevelListeners[LOGGER_ERROR + 1] = {};
 
 CriticalSection& LogApiLock() {
     return State().apiLock;
@@ -428,13 +438,9 @@ void LogTermApi() {
     s.apiLock.Leave();
 }
 
-log_status LogProcessEvent(logger_event_level level, const char* file, uint32_t line,
-                           const char* function, const char* format, va_list args,
-                           uint32_t userValue) {
-    // A level nobody listens to costs this test and nothing else.
-    if (static_cast<uint32_t>(level) > LOGGER_ERROR ||
-        g_levelCounts[level].load(std::memory_order_relaxed) < 1)
-        return LOG_SUCCESS;
+log_status detail::LogProcessEnabledEvent(logger_event_level level, const char* file, uint32_t line,
+                                          const char* function, const char* format, va_list args,
+                                          uint32_t userValue) {
     if (g_refCount.load(std::memory_order_acquire) == 0) return LOG_NOT_AVAILABLE;
     if (file == nullptr || function == nullptr || format == nullptr) return LOG_BAD_ARGUMENT;
 
@@ -476,7 +482,7 @@ log_status LogProcessEvent(logger_event_level level, const char* file, uint32_t 
 }
 
 bool IsLogged(logger_event_level level) {
-    return IsNamedLevel(level) && g_levelCounts[level].load(std::memory_order_relaxed) > 0;
+    return IsNamedLevel(level) && detail::LevelHasListeners(level);
 }
 
 log_status GetLoggingLevel(logger_event_level* level, uint32_t id) {

@@ -132,10 +132,9 @@ void LogRing::CommitWrite() noexcept {
 
 ring_status LogRing::Peek(const uint8_t** payload, uint32_t* length) noexcept {
     if (data_ == nullptr) return ring_status::not_created;
-    uint32_t expected = 0;
-    if (!pendingRead_.compare_exchange_strong(expected, kClaimed, std::memory_order_acquire,
-                                              std::memory_order_relaxed))
-        return ring_status::busy;
+    // There is one reader at a time, so a plain look at the open reservation is enough.
+    if (pendingRead_.load(std::memory_order_relaxed) != 0) return ring_status::busy;
+    pendingRead_.store(kClaimed, std::memory_order_relaxed);
     const uint64_t c = capacity_;
     uint64_t r = static_cast<uint64_t>(control_->readOffset.load(std::memory_order_relaxed)) + 1;
     if (r >= c) r = 0;
@@ -182,17 +181,20 @@ void LogRing::CommitRead() noexcept {
     // reaches into the start leaves it on the last byte of the part there.
     const uint64_t first = std::min(c - r, reservation);
     const uint64_t last = reservation <= c - r ? r + first - 1 : reservation - first - 1;
-    control_->readOffset.store(static_cast<uint32_t>(last), std::memory_order_seq_cst);
+    control_->readOffset.store(static_cast<uint32_t>(last), std::memory_order_release);
     freedSinceWake_ += reservation;
     pendingRead_.store(0, std::memory_order_release);
 }
 
 void LogRing::WakeWriters(bool now) noexcept {
     if (control_ == nullptr) return;
-    if (control_->writersWaiting.load(std::memory_order_seq_cst) == 0) return;
     if (!now && freedSinceWake_ < capacity_ / 8) return;
     freedSinceWake_ = 0;
-    if (control_->writersWaiting.exchange(0, std::memory_order_seq_cst) > 0)
+    // Republishes the reader's offset in the single order of the waiter count: a writer
+    // counts itself before it looks at the offset, so one of the two sees the other.
+    (void)control_->readOffset.fetch_add(0, std::memory_order_seq_cst);
+    if (control_->writersWaiting.load(std::memory_order_seq_cst) > 0 &&
+        control_->writersWaiting.exchange(0, std::memory_order_seq_cst) > 0)
         (void)spaceEvent_.Set();
 }
 
@@ -214,9 +216,11 @@ ring_status LogRing::AcquireWrite(uint32_t length, uint8_t** payload, bool mayWa
     // A running reader makes room within microseconds: look again for a while before
     // going to sleep, since a sleep and a wake cost more than the wait.
     const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(20);
-    do {
+    for (int round = 1;; ++round) {
         for (int i = 0; i < 32; ++i)
             platform::CpuRelax();
+        // On a busy machine the reader may wait for this very processor.
+        if (round % 8 == 0) platform::YieldThread();
         EnterHouse(writerLock_);
         st = Reserve(length, payload);
         if (st != ring_status::full) {
@@ -224,7 +228,8 @@ ring_status LogRing::AcquireWrite(uint32_t length, uint8_t** payload, bool mayWa
             return st;
         }
         writerLock_.Leave();
-    } while (std::chrono::steady_clock::now() < until);
+        if (std::chrono::steady_clock::now() >= until) break;
+    }
     return BlockingReserve(length, payload);
 }
 

@@ -50,7 +50,7 @@ static_assert(sizeof(RingControl) == 192, "the control block is three cache line
 
 // Safe for many writers under the writer lock and one reader at a time; Create and Destroy
 // need the writer lock and no reader.
-class LogRing {
+class alignas(64) LogRing {
   public:
     static constexpr uint32_t kControlBytes = sizeof(RingControl);
     static constexpr uint32_t kWrapMarker = 0xFFFFFFFFu;
@@ -109,17 +109,21 @@ class LogRing {
     // Where an entry of `length` goes with the offsets given; false when it does not fit.
     bool Plan(uint64_t w, uint64_t r, uint32_t length, uint64_t* reservation) const noexcept;
 
-    RingControl* control_ = nullptr;
+    // Read by both sides, written only by Create and Destroy.
+    alignas(64) RingControl* control_ = nullptr;
     uint8_t* data_ = nullptr;
     uint32_t capacity_ = 0;
+    // The writers' side, under the writer lock.
+    alignas(64) CriticalSection writerLock_{4000};
     uint32_t pendingWrite_ = 0;
-    std::atomic<uint32_t> pendingRead_{0};
+    uint32_t cachedRead_ = 0;  // the writers' copy of readOffset
+    // The reader's side.
+    alignas(64) std::atomic<uint32_t> pendingRead_{0};
     uint32_t readStart_ = 0;    // where the open read reservation begins
-    uint32_t cachedRead_ = 0;   // the writers' copy of readOffset
     uint32_t cachedWrite_ = 0;  // the reader's copy of writeOffset
     uint64_t freedSinceWake_ = 0;
-    std::atomic<uint64_t> blocked_{0};
-    CriticalSection writerLock_{4000};
+    // Used on the way to and from a sleep only.
+    alignas(64) std::atomic<uint64_t> blocked_{0};
     Event dataEvent_{true};
     Event spaceEvent_{true};
 };
