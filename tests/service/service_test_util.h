@@ -1,4 +1,4 @@
-// Helpers of the service tests: a writer that keeps its text, and a log collector.
+// Helpers of the service tests: a writer that keeps its text, a log collector and a gate.
 #pragma once
 
 #include <condition_variable>
@@ -16,21 +16,14 @@ class TextWriter : public TOLVEN::BasicSrvStatusWriter {
     TOLVEN::basicsrv_status WriteStatus(const char* text) override {
         std::lock_guard<std::mutex> guard(mutex_);
         text_ += text;
-        ++writes_;
         return TOLVEN::basicsrv_success;
     }
-    TOLVEN::basicsrv_status FlushStatus() override {
-        ++flushes_;
-        return TOLVEN::basicsrv_success;
-    }
+    TOLVEN::basicsrv_status FlushStatus() override { return TOLVEN::basicsrv_success; }
+    // What was written since the last call.
     std::string Take() {
         std::lock_guard<std::mutex> guard(mutex_);
-        std::string out;
-        out.swap(text_);
-        return out;
+        return std::exchange(text_, std::string());
     }
-    int flushes_ = 0;
-    int writes_ = 0;
 
   private:
     std::mutex mutex_;
@@ -43,7 +36,7 @@ struct LogLine {
     TOLVEN::logger_event_level level;
 };
 
-// Collects the log messages of one level and above while it lives.
+// Collects the log messages of a level and above while it lives.
 class LogCollector {
   public:
     explicit LogCollector(TOLVEN::logger_event_level level) {
@@ -54,10 +47,7 @@ class LogCollector {
         (void)TOLVEN::LogRemoveCallback(id_);
         TOLVEN::LogTermApi();
     }
-    LogCollector(const LogCollector&) = delete;
-    LogCollector& operator=(const LogCollector&) = delete;
-
-    // Every line delivered so far, after what was queued before the call.
+    // Every line delivered after what was queued before the call.
     std::vector<LogLine> Lines() {
         (void)TOLVEN::LogFlush();
         std::lock_guard<std::mutex> guard(mutex_);
@@ -76,10 +66,8 @@ class LogCollector {
   private:
     static void Callback(TOLVEN::_LOGGER_CB_DATA* const data, void* context) {
         auto* self = static_cast<LogCollector*>(context);
-        {
-            std::lock_guard<std::mutex> guard(self->mutex_);
-            self->lines_.push_back({data->text, data->file, data->function, data->level});
-        }
+        std::lock_guard<std::mutex> guard(self->mutex_);
+        self->lines_.push_back({data->text, data->file, data->function, data->level});
         self->cond_.notify_all();
     }
     uint32_t id_ = 0;
@@ -88,23 +76,17 @@ class LogCollector {
     std::vector<LogLine> lines_;
 };
 
-// A gate a thread waits at until another opens it.
+// A gate threads wait at until it is opened.
 class Gate {
   public:
     void Open() {
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            open_ = true;
-        }
+        std::lock_guard<std::mutex> guard(mutex_);
+        open_ = true;
         cond_.notify_all();
     }
     void Wait() {
         std::unique_lock<std::mutex> lock(mutex_);
         cond_.wait(lock, [&] { return open_; });
-    }
-    bool IsOpen() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return open_;
     }
 
   private:
