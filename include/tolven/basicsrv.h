@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "tolven/configreader.h"
-#include "tolven/exslots.h"
 #include "tolven/logapi.h"
 
 namespace TOLVEN {
