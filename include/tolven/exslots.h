@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "tolven/platform.h"
+
 namespace TOLVEN {
 
 // Handle of a logical slot, kept by its owner. Empty (index all ones) until allocated,
@@ -24,12 +26,41 @@ struct SlotDetails {
     bool IsEmpty() const noexcept { return index == kEmpty; }
 };
 
+namespace detail {
+// One thread's record of one slot.
+struct ExTlsRecord {
+    uint64_t generation;  // read together with value on every get
+    void* value;
+    uint64_t index;
+    void* context;
+    void (*callback)(void*);
+};
+// The calling thread's records, in table order.
+struct ExTlsView {
+    ExTlsRecord* data;
+    uint64_t size;
+};
+#if TOLVEN_INLINE_THREAD_SLOTS
+extern constinit thread_local ExTlsView t_exTlsView;
+#endif
+}  // namespace detail
+
 // Allocates a slot; `callback(context)` runs on every ending thread while the slot lives.
 bool ExTlsAlloc(SlotDetails* slot, void* context, void (*callback)(void*));
 // Frees a slot's place for reuse; false when the index is outside the table.
 bool ExTlsFree(SlotDetails* slot);
-// The calling thread's value in the slot, or null.
+// The calling thread's value in the slot, or null: null also when the slot's place has
+// been reused since this thread set it.
+#if TOLVEN_INLINE_THREAD_SLOTS
+inline void* ExTlsGet(const SlotDetails* slot) noexcept {
+    const detail::ExTlsView view = detail::t_exTlsView;
+    if (slot->index >= view.size) return nullptr;
+    const detail::ExTlsRecord& r = view.data[slot->index];
+    return r.generation == slot->generation ? r.value : nullptr;
+}
+#else
 void* ExTlsGet(const SlotDetails* slot) noexcept;
+#endif
 // Sets the calling thread's value in the slot.
 bool ExTlsSet(const SlotDetails* slot, void* value);
 

@@ -56,8 +56,11 @@ enum release_assert_action : int32_t {
 using ReleaseAssertHandler = release_assert_action (*)(const char* text, void* context);
 
 // Installs the handler that decides what a release assertion does; null installs the
-// default. Gives the handler it replaces and, if `previousContext` is not null, its context.
-// Safe for concurrent use without external locking.
+// default. Gives the handler it replaces, null when that was the default, and, if
+// `previousContext` is not null, its context; so passing back what it gave restores the
+// earlier state. (A program cannot recognise the default by comparing with
+// &DefaultReleaseAssertHandler: on Windows its address of a library function is not the
+// library's.) Safe for concurrent use without external locking.
 ReleaseAssertHandler SetReleaseAssertHandler(ReleaseAssertHandler handler, void* context,
                                              void** previousContext = nullptr);
 
@@ -67,8 +70,9 @@ ReleaseAssertHandler SetReleaseAssertHandler(ReleaseAssertHandler handler, void*
 release_assert_action DefaultReleaseAssertHandler(const char* text, void* context);
 
 // A release assertion. Formats the message (2047 bytes at most), appends
-// "PID=%u File=%s Line=%i Module=%s\nText=%s\n" to "%s_assert.txt" (the application name)
-// in the current directory, then asks the handler: abort ends the process with exit code -1,
+// "PID=%u File=%s Line=%i Module=%s\nText=%s\n" (cut to 2047 bytes) to "%s_assert.txt" (the
+// application name) in the current directory, the same bytes on every platform ("\n" line
+// ends on Windows too), then asks the handler: abort ends the process with exit code -1,
 // retry gives 1, ignore gives 0.
 int _CSReleaseAssert(const char* file, int line, const char* module, const char* format, ...)
 #if defined(__GNUC__)

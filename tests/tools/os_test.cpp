@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 
@@ -47,9 +48,10 @@ TEST(ApplicationName, ModuleNameForcedNamesAndCuts) {
     EXPECT_STREQ(name, "unittest_tools");
 }
 
-// Runs in a copy of this binary under another name, started by the test below.
-TEST(ApplicationName, ChildOutsideTests) {
-    if (OS::IsTestApplication()) GTEST_SKIP() << "runs only in the renamed copy";
+// Runs only in a copy of this binary under another name, started by the test below (a
+// disabled case, so that the suite itself neither runs nor skips it).
+TEST(ApplicationName, DISABLED_ChildOutsideTests) {
+    EXPECT_FALSE(OS::IsTestApplication());
     EXPECT_FALSE(OS::ForceApplicationName("Other"));
     char name[260];
     ASSERT_TRUE(OS::GetApplicationName(name, sizeof name));
@@ -57,18 +59,37 @@ TEST(ApplicationName, ChildOutsideTests) {
 }
 
 TEST(ApplicationName, ForcingIsRefusedOutsideTestApplications) {
-    std::string self;
+    std::string self, library;
     ASSERT_TRUE(platform::GetOwnExecutablePath(self));
+    ASSERT_TRUE(platform::GetLibraryModulePath(library));
+    // A space in the folder's name checks that the path and arguments reach the copy whole.
     const std::filesystem::path dir = std::filesystem::temp_directory_path() /
-                                      ("tolven_os_" + std::to_string(platform::CurrentProcessId()));
+                                      ("tolven os " + std::to_string(platform::CurrentProcessId()));
     std::filesystem::create_directories(dir);
-    const std::filesystem::path copy = dir / "tools_copy";
-    std::filesystem::copy_file(self, copy, std::filesystem::copy_options::overwrite_existing);
-    const std::string command =
-        "\"" + copy.string() + "\" --gtest_filter=ApplicationName.ChildOutsideTests";
-    const int status = std::system(command.c_str());
+    // The copy keeps the executable's extension (".exe" on Windows, none on Linux), and gets
+    // the library beside it, where Windows looks first; the Linux copy finds it by its path.
+    const std::filesystem::path copy =
+        dir / ("tools_copy" + std::filesystem::path(self).extension().string());
+    const auto overwrite = std::filesystem::copy_options::overwrite_existing;
+    std::filesystem::copy_file(self, copy, overwrite);
+    std::filesystem::copy_file(library, dir / std::filesystem::path(library).filename(), overwrite);
+    const std::filesystem::path report = dir / "report.xml";
+    int exitCode = -1;
+    ASSERT_TRUE(platform::RunProgram(copy.string(),
+                                     {"--gtest_also_run_disabled_tests",
+                                      "--gtest_filter=ApplicationName.DISABLED_ChildOutsideTests",
+                                      "--gtest_output=xml:" + report.string()},
+                                     &exitCode));
+    EXPECT_EQ(exitCode, 0);
+    // A copy that ran nothing would end with 0 too: its report must show the case run.
+    std::ifstream in(report, std::ios::binary);
+    const std::string xml{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    in.close();
     std::filesystem::remove_all(dir);
-    EXPECT_EQ(status, 0);
+    const size_t testcase = xml.find("<testcase name=\"DISABLED_ChildOutsideTests\"");
+    ASSERT_NE(testcase, std::string::npos) << xml;
+    const std::string tag = xml.substr(testcase, xml.find('>', testcase) - testcase);
+    EXPECT_NE(tag.find("result=\"completed\""), std::string::npos) << tag;
 }
 
 TEST(Strtok, EachThreadKeepsItsOwnText) {

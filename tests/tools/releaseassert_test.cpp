@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -25,18 +27,33 @@ release_assert_action Record(const char* text, void* context) {
     return r->answer;
 }
 
+release_assert_action AnswerAbortAloud(const char*, void*) {
+    std::fputs("handler answered abort\n", stderr);
+    std::fflush(stderr);
+    return release_assert_abort;
+}
+
+// Names the parent's directory to a death-test child that runs this binary anew (as on
+// Windows), so that the child works where the parent looks for its record.
+constexpr char kDirVariable[] = "TOLVEN_TEST_ASSERT_DIR";
+
 // Runs a test in a fresh current directory with a recording handler, restoring both.
 class ReleaseAssert : public ::testing::Test {
   protected:
     void SetUp() override {
         old_ = std::filesystem::current_path();
-        dir_ = std::filesystem::temp_directory_path() /
-               ("tolven_assert_" + std::to_string(platform::CurrentProcessId()));
+        if (const char* inherited = std::getenv(kDirVariable)) {
+            dir_ = inherited;
+        } else {
+            dir_ = std::filesystem::temp_directory_path() /
+                   ("tolven_assert_" + std::to_string(platform::CurrentProcessId()));
+        }
         std::filesystem::create_directories(dir_);
         std::filesystem::current_path(dir_);
         previous_ = SetReleaseAssertHandler(&Record, &recorded_, &previousContext_);
     }
     void TearDown() override {
+        (void)platform::SetEnvironmentValue(kDirVariable, nullptr);
         SetReleaseAssertHandler(previous_, previousContext_);
         (void)OS::ForceApplicationName(nullptr);
         std::filesystem::current_path(old_);
@@ -82,24 +99,29 @@ TEST_F(ReleaseAssert, FileFollowsTheApplicationNameAndLongTextsAreCut) {
     EXPECT_EQ(written, recorded_.text);
 }
 
-TEST_F(ReleaseAssert, NullRestoresTheDefaultHandler) {
+TEST_F(ReleaseAssert, NullStandsForTheDefaultHandler) {
+    // The default was in place before SetUp.
+    EXPECT_EQ(previous_, nullptr);
+    EXPECT_EQ(previousContext_, nullptr);
     void* context = nullptr;
     EXPECT_EQ(SetReleaseAssertHandler(nullptr, &recorded_, &context), &Record);
     EXPECT_EQ(context, &recorded_);
-    EXPECT_EQ(SetReleaseAssertHandler(&Record, &recorded_, &context), &DefaultReleaseAssertHandler);
+    // The default keeps no context.
+    EXPECT_EQ(SetReleaseAssertHandler(&Record, &recorded_, &context), nullptr);
     EXPECT_EQ(context, nullptr);
 }
 
 TEST_F(ReleaseAssert, AbortEndsTheProcess) {
-    recorded_.answer = release_assert_abort;
-    const std::filesystem::path dir = dir_;
+    // A forked child inherits the directory; a child that runs this binary anew (the only
+    // kind on Windows) finds it in the environment, in its SetUp.
+    ASSERT_TRUE(platform::SetEnvironmentValue(kDirVariable, dir_.string().c_str()));
     EXPECT_EXIT(
         {
-            // A re-executed child has its own set-up: work where this process looks.
-            std::filesystem::current_path(dir);
-            SetReleaseAssertHandler(&Record, &recorded_);
+            SetReleaseAssertHandler(&AnswerAbortAloud, nullptr);
             _CSReleaseAssert("f", 1, "m", "fatal");
         },
-        [](int status) { return status != 0; }, "");
-    EXPECT_NE(ReadFile("unittest_tools_assert.txt").find("Text=fatal"), std::string::npos);
+        [](int status) { return status != 0; }, "handler answered abort");
+    // The record was on disk before the process ended.
+    EXPECT_NE(ReadFile("unittest_tools_assert.txt").find("Line=1 Module=m\nText=fatal\n"),
+              std::string::npos);
 }

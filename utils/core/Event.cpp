@@ -18,10 +18,16 @@ void Event::LockList() noexcept {
     if (spin.load(std::memory_order_relaxed) != 1 &&
         spin.compare_exchange_strong(expected, 1, std::memory_order_acquire))
         return;
-    for (;;) {
+    // The holder may be a signaller pre-empted inside a detector's notify; after a short
+    // spin, give it the processor instead of burning the time slice.
+    for (uint32_t tries = 0;; ++tries) {
         expected = 0;
         if (spin.compare_exchange_weak(expected, 1, std::memory_order_acquire)) return;
-        platform::CpuRelax();
+        if (tries < 128) {
+            platform::CpuRelax();
+        } else {
+            platform::YieldThread();
+        }
     }
 }
 

@@ -11,16 +11,27 @@
 #include "tolven/quicklock.h"
 
 namespace TOLVEN {
+
+#if TOLVEN_INLINE_THREAD_SLOTS
+// A mirror of the native slot's vector, read inline by ExTlsGet. Static TLS keeps the read
+// a single segment-relative load.
+__attribute__((tls_model(
+    "initial-exec"))) constinit thread_local detail::ExTlsView detail::t_exTlsView{nullptr, 0};
+#endif
+
 namespace {
 
-struct SlotRecord {
-    uint64_t index;
-    uint64_t generation;
-    void* context;
-    void (*callback)(void*);
-    void* value;
-};
+using SlotRecord = detail::ExTlsRecord;
 using ThreadRecords = std::vector<SlotRecord>;
+
+void Publish(ThreadRecords* records) noexcept {
+#if TOLVEN_INLINE_THREAD_SLOTS
+    detail::t_exTlsView = records != nullptr ? detail::ExTlsView{records->data(), records->size()}
+                                             : detail::ExTlsView{nullptr, 0};
+#else
+    (void)records;
+#endif
+}
 
 struct SlotTable {
     detail::CriticalSection cs{4000};
@@ -45,6 +56,7 @@ void OnThreadExit(void* value) {
             if (!s.IsEmpty() && s.callback != nullptr) s.callback(s.context);
         }
     }
+    Publish(nullptr);
     delete records;
 }
 
@@ -80,12 +92,14 @@ bool ExTlsFree(SlotDetails* slot) {
     return true;
 }
 
+#if !TOLVEN_INLINE_THREAD_SLOTS
 void* ExTlsGet(const SlotDetails* slot) noexcept {
     const auto* records = static_cast<const ThreadRecords*>(platform::GetThreadSlot());
     if (records == nullptr || slot->index >= records->size()) return nullptr;
     const SlotRecord& r = (*records)[slot->index];
     return r.generation == slot->generation ? r.value : nullptr;
 }
+#endif
 
 bool ExTlsSet(const SlotDetails* slot, void* value) {
     if (slot->IsEmpty()) return true;
@@ -94,9 +108,12 @@ bool ExTlsSet(const SlotDetails* slot, void* value) {
         records = new ThreadRecords;
         platform::SetThreadSlot(records);
     }
-    if (records->size() <= slot->index) records->resize(slot->index + 1, SlotRecord{});
+    if (records->size() <= slot->index) {
+        records->resize(slot->index + 1, SlotRecord{});
+        Publish(records);
+    }
     (*records)[slot->index] =
-        SlotRecord{slot->index, slot->generation, slot->context, slot->callback, value};
+        SlotRecord{slot->generation, value, slot->index, slot->context, slot->callback};
     return true;
 }
 

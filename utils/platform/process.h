@@ -26,6 +26,17 @@ bool GetLibraryModulePath(std::string& path);
 // True when standard input is a terminal.
 bool StdinIsTerminal() noexcept;
 
+// Sets the environment variable `name` of the process to `value`, or removes it when `value`
+// is null; programs started afterwards inherit it. Not thread-safe (the environment is
+// process-wide). False when it cannot be set.
+bool SetEnvironmentValue(const char* name, const char* value);
+
+// Starts the program at `path` with `arguments` (not counting the program's own name, and
+// passed to it unchanged, whatever spaces or quotes they hold) and waits for it to end.
+// `exitCode` gets its exit code, or -1 when it did not exit normally. False when it could not
+// be started.
+bool RunProgram(const std::string& path, const std::vector<std::string>& arguments, int* exitCode);
+
 // Ends the process at once with `code`, running no clean-up.
 [[noreturn]] void FatalExitProcess(int code) noexcept;
 

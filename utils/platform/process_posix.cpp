@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <link.h>
 #include <sched.h>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +18,8 @@
 #endif
 
 #include "platform/versionnote.h"
+
+extern char** environ;
 
 namespace TOLVEN::platform {
 namespace {
@@ -91,6 +95,33 @@ bool GetLibraryModulePath(std::string& path) {
 
 bool StdinIsTerminal() noexcept {
     return ::isatty(STDIN_FILENO) == 1;
+}
+
+bool SetEnvironmentValue(const char* name, const char* value) {
+    if (name == nullptr || name[0] == '\0') return false;
+    return (value == nullptr ? ::unsetenv(name) : ::setenv(name, value, 1)) == 0;
+}
+
+bool RunProgram(const std::string& path, const std::vector<std::string>& arguments, int* exitCode) {
+    if (exitCode != nullptr) *exitCode = -1;
+    std::vector<char*> argv;
+    argv.reserve(arguments.size() + 2);
+    argv.push_back(const_cast<char*>(path.c_str()));
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    pid_t child = 0;
+    if (::posix_spawn(&child, path.c_str(), nullptr, nullptr, argv.data(), environ) != 0) {
+        return false;
+    }
+    int status = 0;
+    pid_t waited;
+    do {
+        waited = ::waitpid(child, &status, 0);
+    } while (waited < 0 && errno == EINTR);
+    if (waited != child) return true;
+    if (exitCode != nullptr && WIFEXITED(status)) *exitCode = WEXITSTATUS(status);
+    return true;
 }
 
 void FatalExitProcess(int code) noexcept {

@@ -11,6 +11,7 @@
 #include <io.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #if defined(_MSC_VER)
@@ -34,6 +35,32 @@ bool ContainsFolded(const std::string& text, const char* word) {
         if (_strnicmp(text.c_str() + i, word, n) == 0) return true;
     }
     return false;
+}
+
+// Appends `argument` to a command line, quoted so that the C runtime's parser
+// (CommandLineToArgvW's rules) gives it back unchanged.
+void AppendQuoted(std::string& line, const std::string& argument) {
+    if (!line.empty()) line += ' ';
+    if (!argument.empty() && argument.find_first_of(" \t\n\v\"") == std::string::npos) {
+        line += argument;
+        return;
+    }
+    line += '"';
+    size_t backslashes = 0;
+    for (const char c : argument) {
+        if (c == '\\') {
+            ++backslashes;
+            continue;
+        }
+        // Backslashes are literal unless a quote follows them: then each one is doubled,
+        // and the quote escaped.
+        line.append(c == '"' ? backslashes * 2 + 1 : backslashes, '\\');
+        backslashes = 0;
+        line += c;
+    }
+    // Before the closing quote every backslash is doubled.
+    line.append(backslashes * 2, '\\');
+    line += '"';
 }
 
 }  // namespace
@@ -74,6 +101,39 @@ bool GetLibraryModulePath(std::string& path) {
 
 bool StdinIsTerminal() noexcept {
     return ::_isatty(::_fileno(stdin)) != 0;
+}
+
+bool SetEnvironmentValue(const char* name, const char* value) {
+    if (name == nullptr || name[0] == '\0') return false;
+    // The C runtime's copy and the process's block both change (an empty value removes
+    // the variable), so getenv and started programs see the same.
+    return ::_putenv_s(name, value != nullptr ? value : "") == 0;
+}
+
+bool RunProgram(const std::string& path, const std::vector<std::string>& arguments, int* exitCode) {
+    if (exitCode != nullptr) *exitCode = -1;
+    std::string line;
+    AppendQuoted(line, path);
+    for (const std::string& argument : arguments)
+        AppendQuoted(line, argument);
+    std::vector<char> mutableLine(line.begin(), line.end());
+    mutableLine.push_back('\0');
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    // Handles are inherited so that the program writes to the same output as this one.
+    if (!::CreateProcessA(path.c_str(), mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                          nullptr, &startup, &process)) {
+        return false;
+    }
+    ::CloseHandle(process.hThread);
+    DWORD code = 0;
+    if (::WaitForSingleObject(process.hProcess, INFINITE) == WAIT_OBJECT_0 &&
+        ::GetExitCodeProcess(process.hProcess, &code) && exitCode != nullptr) {
+        *exitCode = static_cast<int>(code);
+    }
+    ::CloseHandle(process.hProcess);
+    return true;
 }
 
 void FatalExitProcess(int code) noexcept {

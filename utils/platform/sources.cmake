@@ -1,4 +1,5 @@
-# Platform layer: the only sources that call the operating system.
+# Platform layer: the only sources that call the operating system. Each concern has one
+# header and a POSIX and a Win32 source behind it.
 if(WIN32)
     list(APPEND TOLVEN_SOURCES
         utils/platform/critical_section_win32.cpp
@@ -28,6 +29,7 @@ else()
         utils/platform/directory_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
+# Code that is the same on every platform.
 list(APPEND TOLVEN_SOURCES
     utils/platform/atomic_x86_64.cpp
     utils/platform/versionnote_elf.cpp)

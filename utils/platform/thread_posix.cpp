@@ -1,4 +1,5 @@
 #include "platform/thread.h"
+#include "tolven/detail/critical_section.h"
 
 #include <pthread.h>
 #include <sched.h>
@@ -10,9 +11,13 @@
 #include <cstring>
 #include <ctime>
 
+namespace TOLVEN::detail {
+// Static TLS: the inline lock path reads it with one segment-relative load.
+__attribute__((tls_model("initial-exec"))) constinit thread_local uint32_t t_osThreadId = 0;
+}  // namespace TOLVEN::detail
+
 namespace TOLVEN::platform {
 namespace {
-__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_tid = 0;
 
 // Windows priorities on the nice scale: higher priority is a lower nice value.
 int NiceFor(int priority) noexcept {
@@ -26,10 +31,10 @@ int NiceFor(int priority) noexcept {
 }  // namespace
 
 uint32_t CurrentThreadId() noexcept {
-    uint32_t id = t_tid;
+    uint32_t id = detail::t_osThreadId;
     if (__builtin_expect(id == 0, 0)) {
         id = static_cast<uint32_t>(::syscall(SYS_gettid));
-        t_tid = id;
+        detail::t_osThreadId = id;
     }
     return id;
 }

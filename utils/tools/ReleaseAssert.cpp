@@ -8,10 +8,12 @@
 namespace TOLVEN {
 namespace {
 
-// The installed handler and its context, guarded by their lock.
+// The installed handler and its context, guarded by their lock. Null stands for the default
+// handler, so that callers never need its address: on Windows a program's address of a
+// library function is that of its import stub, which no pointer from the library equals.
 struct HandlerSlot {
     QuickLock lock;
-    ReleaseAssertHandler handler = &DefaultReleaseAssertHandler;
+    ReleaseAssertHandler handler = nullptr;
     void* context = nullptr;
 };
 
@@ -28,7 +30,7 @@ ReleaseAssertHandler SetReleaseAssertHandler(ReleaseAssertHandler handler, void*
     QuickLockGuard guard(slot.lock);
     const ReleaseAssertHandler previous = slot.handler;
     if (previousContext != nullptr) *previousContext = slot.context;
-    slot.handler = handler != nullptr ? handler : &DefaultReleaseAssertHandler;
+    slot.handler = handler;
     slot.context = handler != nullptr ? context : nullptr;
     return previous;
 }
@@ -67,17 +69,22 @@ int _CSReleaseAssert(const char* file, int line, const char* module, const char*
         std::vsnprintf(message, sizeof message, format, args);
         va_end(args);
     }
+    // The record is cut at the buffer's end by design; the length is not needed.
     char text[2048];
-    std::snprintf(text, sizeof text, "PID=%u File=%s Line=%i Module=%s\nText=%s\n",
-                  static_cast<unsigned>(platform::CurrentProcessId()), file != nullptr ? file : "",
-                  line, module != nullptr ? module : "", message);
+    if (std::snprintf(text, sizeof text, "PID=%u File=%s Line=%i Module=%s\nText=%s\n",
+                      static_cast<unsigned>(platform::CurrentProcessId()),
+                      file != nullptr ? file : "", line, module != nullptr ? module : "",
+                      message) < 0)
+        text[0] = '\0';
 
     // An application name that cannot be had leaves the file name "_assert.txt".
     char application[260];
     (void)OS::GetApplicationName(application, sizeof application);
     char fileName[280];
     std::snprintf(fileName, sizeof fileName, "%s_assert.txt", application);
-    if (std::FILE* out = std::fopen(fileName, "a+")) {
+    // Binary, so that the record holds the same bytes on every platform: text mode would
+    // write each "\n" as "\r\n" on Windows.
+    if (std::FILE* out = std::fopen(fileName, "a+b")) {
         std::fputs(text, out);
         std::fclose(out);
     }
@@ -90,6 +97,7 @@ int _CSReleaseAssert(const char* file, int line, const char* module, const char*
         handler = slot.handler;
         context = slot.context;
     }
+    if (handler == nullptr) handler = &DefaultReleaseAssertHandler;
     switch (handler(text, context)) {
         case release_assert_retry:
             return 1;
