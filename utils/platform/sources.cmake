@@ -12,7 +12,8 @@ if(WIN32)
         utils/platform/memory_win32.cpp
         utils/platform/coarseclock_win32.cpp
         utils/platform/file_win32.cpp
-        utils/platform/filewatch_win32.cpp)
+        utils/platform/filewatch_win32.cpp
+        utils/platform/directory_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS version psapi shlwapi)
 else()
     list(APPEND TOLVEN_SOURCES
@@ -26,7 +27,8 @@ else()
         utils/platform/memory_posix.cpp
         utils/platform/coarseclock_posix.cpp
         utils/platform/file_posix.cpp
-        utils/platform/filewatch_posix.cpp)
+        utils/platform/filewatch_posix.cpp
+        utils/platform/directory_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 # Code that is the same on every platform.

@@ -1,1 +1,10 @@
-# service subsystem
+# Service framework: the service core, its event sinks and status writers, the command
+# registry and dispatch, and the built-in commands.
+list(APPEND TOLVEN_SOURCES
+    utils/service/BasicSrv.cpp
+    utils/service/BasicSrvImpl.cpp
+    utils/service/BasicSrvImplDispatch.cpp
+    utils/service/BasicSrvImplCmds.cpp
+    utils/service/CommandTree.cpp
+    utils/service/EventSink.cpp
+    utils/service/StatusWriters.cpp)

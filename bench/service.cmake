@@ -1,0 +1,1 @@
+tolven_add_bench(service SOURCES service_bench.cpp)

@@ -1,0 +1,6 @@
+tolven_add_test(commandline SOURCES
+    service/commandline_test.cpp)
+tolven_add_test(service CONCURRENCY SOURCES
+    service/dispatch_test.cpp
+    service/lifecycle_test.cpp
+    service/config_test.cpp)

@@ -1,0 +1,127 @@
+// The hidden implementation behind BasicSrv.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "service/CommandTree.h"
+#include "tolven/basicsrv.h"
+#include "tolven/blobtime.h"
+#include "tolven/quicklock.h"
+
+namespace TOLVEN {
+
+// Everything a BasicSrv holds. Safe for concurrent use without external locking: the state
+// lock guards the running flag, the two thread ids, the command tree and the active-command
+// map; the registration lock, always taken first, serialises registering and unregistering
+// commands; the sink registry has its own spin word.
+class BasicSrvImpl {
+  public:
+    // Longest directory or file name read from the configuration, in characters.
+    static constexpr std::size_t kPathSize = 260;
+    // Room of the name with version.
+    static constexpr std::size_t kNameWithVersionSize = 255;
+    // Room of a line of operator text, terminator included.
+    static constexpr std::size_t kCommandLineSize = 4096;
+    // Most arguments a command line may carry.
+    static constexpr unsigned int kMaxArguments = 20;
+    // Pause between looks while waiting for another thread or for running commands.
+    static constexpr uint32_t kRetrySleepMs = 200;
+    // Period of the maintenance tick.
+    static constexpr uint32_t kMaintenanceIntervalMs = 10000;
+
+    // Builds the service for `facade`; a null record gives every default.
+    BasicSrvImpl(BasicSrv* facade, const _BASICSRV_STARTUP_INFO* info);
+    ~BasicSrvImpl();
+    BasicSrvImpl(const BasicSrvImpl&) = delete;
+    BasicSrvImpl& operator=(const BasicSrvImpl&) = delete;
+
+    basicsrv_status PreStartup();
+    basicsrv_status Startup();
+    basicsrv_status Shutdown();
+    basicsrv_status AddSink(BasicSrvEvents* sink);
+    basicsrv_status RemoveSink(BasicSrvEvents* sink);
+
+    basicsrv_status RegisterCommand(const _REGISTER_COMMAND_INFO& info);
+    basicsrv_status UnregisterCommand(const char* name);
+    basicsrv_status UnregisterAllCommands();
+    bool CommandExists(const char* name);
+    basicsrv_status ProcessCommand(const char* command, BasicSrvStatusWriter* writer,
+                                   bool callerFlag, bool interactive, unsigned int callerId);
+    // Writes the help of the commands named by `text` (words split as command names), or of
+    // all commands when `text` is null or has no word.
+    void WriteCommandHelp(BasicSrvStatusWriter& writer, const char* text);
+
+    const char* GetSrvName() const { return srvName_.c_str(); }
+    const char* GetSrvNameWithVersion() const { return nameWithVersion_.c_str(); }
+    const char* GetVersion() const { return version_.c_str(); }
+    const char* GetConfigName() const { return configName_.c_str(); }
+    const char* GetLogFileLocation() const { return logDirectory_.c_str(); }
+    const char* GetLogArchiveDir() const {
+        return archiveDirectory_.empty() ? nullptr : archiveDirectory_.c_str();
+    }
+    int GetLogFileDaysTillDelete() const { return daysTillDelete_; }
+    ConfigReader* GetConfigReader() const;
+    // The reader that keeps the maintenance state, or null; no reference is added.
+    ConfigReader* GetMaintConfigReader() const;
+    void SetSrvName(const char* name);
+    // The wall-clock time the service was built.
+    const _blob_timestamp& GetUptimeStart() const { return uptimeStart_; }
+    // True between a Startup and the next Shutdown.
+    bool IsRunning() const;
+    // The stem of the dated log's file name: the name, or "<name>_<config>_".
+    const std::string& GetLogStem() const { return logStem_; }
+
+  private:
+    void Construct(const _BASICSRV_STARTUP_INFO* info);
+    void ReadLogDirectories(const _BASICSRV_STARTUP_INFO& info);
+    void ReadVersionRecord(bool useProductName);
+    void MakeNameWithVersion();
+    void MakeMaintConfigReader();
+
+    // Seams where the dated log file, the maintenance timer, the built-in commands and the
+    // embedded configuration files join the life of the service.
+    void OpenDatedLog();
+    void CloseDatedLog();
+    void RegisterBuiltinCommands();
+    void AddMaintenanceCallback();
+    void RemoveMaintenanceCallback();
+    bool StartMaintenanceTimer();
+    void StopMaintenanceTimer();
+    void DiscoverEmbeddedFiles();
+
+    // Calls the facade's right hooks; a hook that throws refuses.
+    bool AskRootRight(unsigned int callerId, const char* word, bool callerFlag) const;
+    bool AskCommandRight(unsigned int callerId, const char* fullName, bool callerFlag) const;
+    // The command node of `name`, or null; hold the state lock.
+    detail::CommandNode* FindCommand(const detail::CommandName& name);
+    // Waits until no command runs; hold the registration lock, not the state lock.
+    void WaitForActiveCommands();
+
+    EventSink<BasicSrvEvents, 100, DefaultRefCount> sinks_;
+    BasicSrv* facade_;
+    _blob_timestamp uptimeStart_{};
+    mutable QuickLock stateLock_;
+    QuickLock registrationLock_;
+    detail::CommandMap commands_;
+    std::map<const detail::CommandNode*, uint32_t> activeCommands_;
+    std::string srvName_;
+    std::string nameWithVersion_;
+    std::string version_;
+    std::string configName_;
+    std::string logDirectory_;
+    std::string archiveDirectory_;
+    std::string logStem_;
+    bool running_ = false;
+    bool registerQuit_ = true;
+    bool noFileLog_ = false;
+    uint32_t startingThread_ = 0;
+    uint32_t stoppingThread_ = 0;
+    int daysTillDelete_ = -1;
+    ConfigReader* configReader_ = nullptr;
+    ConfigReader* maintConfigReader_ = nullptr;
+};
+
+}  // namespace TOLVEN
