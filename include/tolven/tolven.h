@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tolven/autothread.h"
+#include "tolven/blob.h"
 #include "tolven/blobstatus.h"
 #include "tolven/blobtime.h"
 #include "tolven/configreader.h"
