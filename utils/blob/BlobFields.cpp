@@ -140,7 +140,8 @@ blob_status AppendField(_BLOB_INFO* blob, const char* name, blob_field_type type
     if (dataSize == 0 && type != BLOB_FIELD_TYPE_MAX) return BLOB_STATUS_INVALID_PARAMETER;
     // The initial content must fit: an empty nested blob, a 0 unit.
     if ((type == BLOB_FIELD_TYPE_BLOB && dataSize < kBlobHeaderSize) ||
-        (type == BLOB_FIELD_TYPE_UTF16 && dataSize < 2) || dataSize < size)
+        (type == BLOB_FIELD_TYPE_UTF16 && dataSize < 2) ||
+        (ArrayElementSize(type) != 0 && dataSize < size))
         return BLOB_STATUS_INVALID_PARAMETER;
     const uint32_t used = UsedLength(blob);
     const uint64_t needed = dataSize + 1 + (nameLength != 0 ? nameLength + 1 : 0);
