@@ -1,1 +1,7 @@
-# memory subsystem
+# Memory: page allocation and the block allocators.
+list(APPEND TOLVEN_SOURCES
+    utils/memory/BaseAllocator.cpp
+    utils/memory/BlockAllocator.cpp
+    utils/memory/BlockAllocatorStatMngr.cpp
+    utils/memory/FastBlockAllocator.cpp
+    utils/memory/BlockAllocList.cpp)

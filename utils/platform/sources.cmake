@@ -9,6 +9,7 @@ if(WIN32)
         utils/platform/host_win32.cpp
         utils/platform/process_win32.cpp
         utils/platform/timezone_win32.cpp
+        utils/platform/memory_win32.cpp
         utils/platform/file_win32.cpp
         utils/platform/filewatch_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS version psapi shlwapi)
@@ -21,6 +22,7 @@ else()
         utils/platform/host_posix.cpp
         utils/platform/process_posix.cpp
         utils/platform/timezone_posix.cpp
+        utils/platform/memory_posix.cpp
         utils/platform/file_posix.cpp
         utils/platform/filewatch_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)

@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "log/LogFormat.h"
+
+using TOLVEN::detail::FormatText;
+
+namespace {
+
+int Ours(char* out, size_t capacity, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int n = FormatText(out, capacity, format, args);
+    va_end(args);
+    return n;
+}
+
+// Formats with both and compares text and result at several buffer sizes.
+template <class... A>
+void Same(const std::string& format, A... values) {
+    for (size_t capacity : {size_t{0}, size_t{1}, size_t{4}, size_t{9}, size_t{300}}) {
+        char mine[300], theirs[300];
+        std::memset(mine, '#', sizeof(mine));
+        std::memset(theirs, '#', sizeof(theirs));
+        const int a = Ours(capacity == 0 ? nullptr : mine, capacity, format.c_str(), values...);
+        const int b =
+            std::snprintf(capacity == 0 ? nullptr : theirs, capacity, format.c_str(), values...);
+        ASSERT_EQ(a, b) << "format \"" << format << "\" capacity " << capacity;
+        if (capacity > 0) {
+            ASSERT_EQ(std::string(mine, capacity), std::string(theirs, capacity))
+                << "format \"" << format << "\" capacity " << capacity;
+        }
+    }
+}
+
+std::string RandomSpec(std::mt19937& rng, bool star, const char* length, char conversion) {
+    std::string s = "<%";
+    for (char flag : {'-', '+', ' ', '#', '0'})
+        if (rng() % 4 == 0) s += flag;
+    if (star)
+        s += '*';
+    else if (rng() % 2 == 0)
+        s += std::to_string(rng() % 25);
+    // With `star` the caller passes a width and a precision, so both stars are written.
+    if (star || rng() % 2 == 0) {
+        s += '.';
+        if (star)
+            s += '*';
+        else if (rng() % 3 != 0)
+            s += std::to_string(rng() % 25);
+    }
+    s += length;
+    s += conversion;
+    return s + ">";
+}
+
+}  // namespace
+
+// What the random test below does not reach: floating point, pointers, wide text, the
+// odd cases and what goes to the C library whole.
+TEST(LogFormat, FixedCases) {
+    Same("plain text");
+    Same("%d|%lld|%lu|%hhd|%hd|%zu|%jd|%Ld|%qd", INT_MIN, LLONG_MIN, ULONG_MAX, 300, 70000,
+         size_t{123}, intmax_t{-7}, 1LL << 40, 1LL << 41);
+    Same("%s|%.3s|%.6s|%8s", static_cast<const char*>(nullptr), static_cast<const char*>(nullptr),
+         static_cast<const char*>(nullptr), static_cast<const char*>(nullptr));
+    Same("%%|%5%|%-3%|100%%");
+    Same("%f|%.2f|%10.3e|%-12g|%G|%a|%+08.2f|%Lf", 3.14159, 2.5, 12345.678, 0.0001, 1e100, 1.0,
+         -2.25, static_cast<long double>(1.5));
+    Same("%p|%20p|%-20p|", static_cast<void*>(nullptr), reinterpret_cast<void*>(0x1234),
+         reinterpret_cast<void*>(0xABCDEF));
+    Same("%ls|%lc|", L"wide", static_cast<wint_t>(L'w'));
+    Same("%2$d %1$d", 1, 2);
+    Same("%y and %d", 5);
+    Same("cut off %");
+    Same("cut off %-");
+}
+
+TEST(LogFormat, RandomSpecsAgainstTheCLibrary) {
+    std::mt19937 rng(2024);
+    const int64_t edges[] = {0,   1,    -1,      9,       10,        99,
+                             100, -100, INT_MAX, INT_MIN, LLONG_MAX, LLONG_MIN};
+    for (int round = 0; round < 4000; ++round) {
+        const bool star = rng() % 4 == 0;
+        const int width = static_cast<int>(rng() % 30) - 10;
+        const int precision = static_cast<int>(rng() % 30) - 10;
+        const int64_t edge = edges[rng() % (sizeof(edges) / sizeof(edges[0]))];
+        const int64_t value = rng() % 2 == 0 ? edge : static_cast<int64_t>(rng()) - (1 << 30);
+        const char conversions[] = "diuoxXcs";
+        const char conversion = conversions[rng() % 8];
+        SCOPED_TRACE(round);
+        switch (conversion) {
+            case 'd':
+            case 'i': {
+                const char* lengths[] = {"", "hh", "h", "l", "ll", "j", "z", "t"};
+                const char* length = lengths[rng() % 8];
+                const std::string f = RandomSpec(rng, star, length, conversion);
+                const std::string l = length;
+                if (l == "" || l == "hh" || l == "h") {
+                    if (star)
+                        Same(f, width, precision, static_cast<int>(value));
+                    else
+                        Same(f, static_cast<int>(value));
+                } else if (star) {
+                    Same(f, width, precision, static_cast<long long>(value));
+                } else {
+                    Same(f, static_cast<long long>(value));
+                }
+                break;
+            }
+            case 'u':
+            case 'o':
+            case 'x':
+            case 'X': {
+                const char* lengths[] = {"", "hh", "h", "l", "ll", "z"};
+                const char* length = lengths[rng() % 6];
+                const std::string f = RandomSpec(rng, star, length, conversion);
+                const std::string l = length;
+                if (l == "" || l == "hh" || l == "h") {
+                    if (star)
+                        Same(f, width, precision, static_cast<unsigned>(value));
+                    else
+                        Same(f, static_cast<unsigned>(value));
+                } else if (star) {
+                    Same(f, width, precision, static_cast<unsigned long long>(value));
+                } else {
+                    Same(f, static_cast<unsigned long long>(value));
+                }
+                break;
+            }
+            case 'c': {
+                const std::string f = RandomSpec(rng, star, "", 'c');
+                if (star)
+                    Same(f, width, precision, static_cast<int>('a' + rng() % 26));
+                else
+                    Same(f, static_cast<int>('a' + rng() % 26));
+                break;
+            }
+            default: {
+                const std::string f = RandomSpec(rng, star, "", 's');
+                const char* texts[] = {"", "a", "hello", "a longer piece of text", nullptr};
+                const char* text = texts[rng() % 5];
+                if (star)
+                    Same(f, width, precision, text);
+                else
+                    Same(f, text);
+                break;
+            }
+        }
+        if (HasFatalFailure()) return;
+    }
+}
+
+TEST(LogFormat, WindowsLengthModifiersAndLongOutput) {
+    char out[64];
+    EXPECT_EQ(Ours(out, sizeof(out), "%I64d|%I64u|%I32d|%Iu", int64_t{-5}, uint64_t{1} << 40,
+                   int32_t{7}, size_t{9}),
+              20);
+    EXPECT_STREQ(out, "-5|1099511627776|7|9");
+    int written = 12345;
+    EXPECT_EQ(Ours(out, sizeof(out), "ab%ncd", &written), 4);
+    EXPECT_STREQ(out, "abcd");
+    EXPECT_EQ(written, 12345) << "%n writes nothing";
+
+    std::string big(5000, 'q');
+    char text[4096];
+    EXPECT_EQ(Ours(text, sizeof(text), "%s!", big.c_str()), 5001);
+    EXPECT_EQ(std::string(text), big.substr(0, 4095));
+}
