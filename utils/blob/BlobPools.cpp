@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "blob/blob_internal.h"
-#include "blob/blob_pool_allocator.h"
 #include "platform/thread.h"
 #include "threads/thread_hooks.h"
+#include "tolven/fastblockallocator.h"
 
 namespace TOLVEN {
 namespace detail {
@@ -40,15 +40,16 @@ class BlobPools {
                 ++p;
             bySize_[step] = static_cast<uint8_t>(p);
         }
+        // A pool whose Init failed answers null, which the callers report as out of memory.
         for (Pool& pool : pools_)
-            pool.allocator->Init(pool.size, pool.perAllocation, 0xFFFFFFFFu);
+            (void)pool.allocator->Init(pool.size, pool.perAllocation, 0xFFFFFFFFu);
     }
 
     // The pool for a request of `n` bytes, n <= kLargestPoolBlock.
     struct Pool {
         uint64_t size;
         uint64_t perAllocation;
-        PoolBlockAllocator* allocator;
+        FastBlockAllocator* allocator;
     };
     Pool& For(uint64_t n) noexcept { return pools_[bySize_[(n + 7) / 8]]; }
 
@@ -56,7 +57,7 @@ class BlobPools {
     void Add(uint64_t size, uint64_t perAllocation) {
         for (const Pool& p : pools_)
             if (p.size == size) return;
-        pools_.push_back(Pool{size, perAllocation, new PoolBlockAllocator("Blob alloc")});
+        pools_.push_back(Pool{size, perAllocation, new FastBlockAllocator("Blob alloc")});
     }
 
     std::vector<Pool> pools_;
