@@ -28,7 +28,8 @@ void WalkFields(const _BLOB_INFO* blob) {
         uint64_t length = 0;
         Check(GetFieldLen(blob, i, &length) == BLOB_STATUS_SUCCESS);
         const char* name = nullptr;
-        if (GetFieldDescriptionPtr(blob, i, &name) == BLOB_STATUS_SUCCESS) {
+        // Bytes may hold a name of length 0 behind bit 7; no look-up reaches it.
+        if (GetFieldDescriptionPtr(blob, i, &name) == BLOB_STATUS_SUCCESS && name[0] != 0) {
             uint64_t index = 0;
             Check(GetFieldNumber(blob, name, &index) == BLOB_STATUS_SUCCESS && index <= i);
         }

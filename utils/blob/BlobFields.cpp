@@ -7,57 +7,6 @@
 namespace TOLVEN {
 namespace detail {
 
-uint32_t FixedTypeSize(uint32_t type) noexcept {
-    switch (type) {
-        case BLOB_FIELD_TYPE_BOOL:
-        case BLOB_FIELD_TYPE_INT8:
-        case BLOB_FIELD_TYPE_UINT8:
-            return 1;
-        case BLOB_FIELD_TYPE_INT16:
-        case BLOB_FIELD_TYPE_UINT16:
-            return 2;
-        case BLOB_FIELD_TYPE_INT32:
-        case BLOB_FIELD_TYPE_UINT32:
-        case BLOB_FIELD_TYPE_FLOAT32:
-            return 4;
-        case BLOB_FIELD_TYPE_INT64:
-        case BLOB_FIELD_TYPE_UINT64:
-        case BLOB_FIELD_TYPE_FLOAT64:
-            return 8;
-        case BLOB_FIELD_TYPE_TIMESTAMP:
-            return 16;
-        default:
-            return 0;
-    }
-}
-
-uint32_t ArrayElementSize(uint32_t type) noexcept {
-    switch (type) {
-        case BLOB_FIELD_TYPE_INT8_ARRAY:
-        case BLOB_FIELD_TYPE_UINT8_ARRAY:
-        case BLOB_FIELD_TYPE_BINARY:
-            return 1;
-        case BLOB_FIELD_TYPE_INT16_ARRAY:
-        case BLOB_FIELD_TYPE_UINT16_ARRAY:
-            return 2;
-        case BLOB_FIELD_TYPE_INT32_ARRAY:
-        case BLOB_FIELD_TYPE_UINT32_ARRAY:
-        case BLOB_FIELD_TYPE_FLOAT32_ARRAY:
-            return 4;
-        case BLOB_FIELD_TYPE_INT64_ARRAY:
-        case BLOB_FIELD_TYPE_UINT64_ARRAY:
-        case BLOB_FIELD_TYPE_FLOAT64_ARRAY:
-            return 8;
-        default:
-            return 0;
-    }
-}
-
-bool IsVariableType(uint32_t type) noexcept {
-    return type == BLOB_FIELD_TYPE_STRING || type == BLOB_FIELD_TYPE_UTF16 ||
-           (type >= BLOB_FIELD_TYPE_BLOB && type <= BLOB_FIELD_TYPE_BINARY);
-}
-
 namespace {
 inline unsigned char Fold(unsigned char c) noexcept {
     return (c >= 'A' && c <= 'Z') ? static_cast<unsigned char>(c + 32) : c;

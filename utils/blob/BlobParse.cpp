@@ -25,9 +25,9 @@ blob_status Walk(const unsigned char* b, uint32_t end, unsigned depth, Store&& s
         const uint32_t headerOffset = static_cast<uint32_t>(pos);
         const unsigned char typeByte = b[pos++];
         if ((typeByte & 0x80) != 0) {
-            const void* nul = std::memchr(b + pos, 0, end - pos);
+            const unsigned char* nul = FindNul(b + pos, end - pos);
             if (nul == nullptr) return BLOB_STATUS_INVALID_BLOB;
-            pos = static_cast<const unsigned char*>(nul) - b + 1;
+            pos = nul - b + 1;
         }
         if (pos >= end) return BLOB_STATUS_INVALID_BLOB;
         const uint32_t dataOffset = static_cast<uint32_t>(pos);
@@ -36,9 +36,9 @@ blob_status Walk(const unsigned char* b, uint32_t end, unsigned depth, Store&& s
         const uint32_t type = typeByte & 0x7F;
         uint64_t size = FixedTypeSize(type);
         if (type == BLOB_FIELD_TYPE_STRING) {
-            const void* nul = std::memchr(data, 0, room);
+            const unsigned char* nul = FindNul(data, room);
             if (nul == nullptr) return BLOB_STATUS_INVALID_BLOB;
-            size = static_cast<const unsigned char*>(nul) - data + 1;
+            size = nul - data + 1;
         } else if (type == BLOB_FIELD_TYPE_UTF16) {
             uint64_t i = 0;
             while (i + 1 < room && (data[i] != 0 || data[i + 1] != 0))

@@ -72,12 +72,39 @@ inline uint32_t EntryNameLength(const BlobFieldEntry& e) noexcept {
     return d > 1 ? d - 2 : 0;
 }
 
+// Per type (0-127): the fixed data size, the element size of arrays and binary, and
+// whether the value may carry 0xFF padding. Inline tables: the walk asks for every field.
+struct BlobTypeInfo {
+    uint8_t fixedSize;
+    uint8_t elementSize;
+    uint8_t variable;
+};
+inline constexpr BlobTypeInfo kBlobTypes[128] = {
+    {0, 0, 0}, {0, 0, 1}, {1, 0, 0}, {1, 0, 0}, {2, 0, 0},  {4, 0, 0}, {8, 0, 0},
+    {1, 0, 0}, {2, 0, 0}, {4, 0, 0}, {8, 0, 0}, {4, 0, 0},  {8, 0, 0}, {0, 0, 1},
+    {0, 1, 1}, {0, 2, 1}, {0, 4, 1}, {0, 8, 1}, {0, 1, 1},  {0, 2, 1}, {0, 4, 1},
+    {0, 8, 1}, {0, 4, 1}, {0, 8, 1}, {0, 1, 1}, {16, 0, 0}, {0, 0, 1}, {0, 0, 0},
+};
 // Data size of a fixed-size type; 0 for the variable-length types and the null field.
-uint32_t FixedTypeSize(uint32_t type) noexcept;
+inline uint32_t FixedTypeSize(uint32_t type) noexcept {
+    return type < 128 ? kBlobTypes[type].fixedSize : 0;
+}
 // Element size of an array or binary type (14-24); 0 for other types.
-uint32_t ArrayElementSize(uint32_t type) noexcept;
+inline uint32_t ArrayElementSize(uint32_t type) noexcept {
+    return type < 128 ? kBlobTypes[type].elementSize : 0;
+}
 // True for the types that may carry 0xFF padding.
-bool IsVariableType(uint32_t type) noexcept;
+inline bool IsVariableType(uint32_t type) noexcept {
+    return type < 128 && kBlobTypes[type].variable != 0;
+}
+// The first NUL in [p, p + n), or null. Short runs (names, small strings) are the rule.
+inline const unsigned char* FindNul(const unsigned char* p, uint64_t n) noexcept {
+    const uint64_t shortRun = n < 32 ? n : 32;
+    for (uint64_t i = 0; i < shortRun; ++i)
+        if (p[i] == 0) return p + i;
+    if (n <= 32) return nullptr;
+    return static_cast<const unsigned char*>(std::memchr(p + 32, 0, static_cast<size_t>(n - 32)));
+}
 
 // ---- locking ----
 
