@@ -4,6 +4,7 @@
 #include "tolven/autothread.h"
 #include "tolven/baseallocator.h"
 #include "tolven/basicsrv.h"
+#include "tolven/blob.h"
 #include "tolven/blobstatus.h"
 #include "tolven/blobtime.h"
 #include "tolven/blockallocator.h"

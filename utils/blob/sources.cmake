@@ -1,5 +1,9 @@
 # Blob: the message, its typed fields and the time records.
 list(APPEND TOLVEN_SOURCES
+    utils/blob/Blob.cpp
+    utils/blob/BlobFields.cpp
+    utils/blob/BlobParse.cpp
+    utils/blob/BlobPools.cpp
     utils/blob/BlobStatus.cpp
     utils/blob/BlobTime.cpp
     utils/blob/BlobTimeParse.cpp

@@ -63,7 +63,6 @@ Event& MainEvent() {
 
 namespace detail {
 void ApplyThreadFileSettings(thread_data*) {}
-void OnMainThreadConfigured() {}
 void OnAutoThreadExit() {}
 }  // namespace detail
 
