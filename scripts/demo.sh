@@ -7,4 +7,9 @@ cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$(nproc)" --target tolven_demo_service tolven_threads_demo >&2
-exec ./build/examples/tolven_demo_service examples/demo_service.ini "$@"
+# The service writes its working files (the allocator memory file, say) where it runs:
+# build/demo keeps them out of the source tree.
+config=$PWD/examples/demo_service.ini
+mkdir -p build/demo
+cd build/demo
+exec ../examples/tolven_demo_service "$config" "$@"

@@ -254,6 +254,12 @@ void Drain(uint32_t timeoutMs, EventDetectorType* detector, Event* shutdown) {
                 if (gone >= timeoutMs) break;
                 (void)detector->Wait(static_cast<uint32_t>(timeoutMs - gone));
                 st = ring.Peek(&payload, &length);
+                if (st == detail::ring_status::empty) {
+                    // A wake with nothing to read may have come from a producer that took
+                    // the announcement for a frame already read: announce again.
+                    ring.Control()->readersWaiting.fetch_add(1, std::memory_order_seq_cst);
+                    st = ring.Peek(&payload, &length);
+                }
             }
         }
         if (st == detail::ring_status::empty) {
