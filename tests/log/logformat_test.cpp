@@ -40,7 +40,7 @@ void Same(const std::string& format, A... values) {
     }
 }
 
-std::string RandomSpec(std::mt19937& rng, bool star, const char* length, char conversion) {
+std::string RandomDirective(std::mt19937& rng, bool star, const char* length, char conversion) {
     std::string s = "<%";
     for (char flag : {'-', '+', ' ', '#', '0'})
         if (rng() % 4 == 0) s += flag;
@@ -83,7 +83,7 @@ TEST(LogFormat, FixedCases) {
     Same("cut off %-");
 }
 
-TEST(LogFormat, RandomSpecsAgainstTheCLibrary) {
+TEST(LogFormat, RandomDirectivesAgainstTheCLibrary) {
     std::mt19937 rng(2024);
     const int64_t edges[] = {0,   1,    -1,      9,       10,        99,
                              100, -100, INT_MAX, INT_MIN, LLONG_MAX, LLONG_MIN};
@@ -101,7 +101,7 @@ TEST(LogFormat, RandomSpecsAgainstTheCLibrary) {
             case 'i': {
                 const char* lengths[] = {"", "hh", "h", "l", "ll", "j", "z", "t"};
                 const char* length = lengths[rng() % 8];
-                const std::string f = RandomSpec(rng, star, length, conversion);
+                const std::string f = RandomDirective(rng, star, length, conversion);
                 const std::string l = length;
                 if (l == "" || l == "hh" || l == "h") {
                     if (star)
@@ -121,7 +121,7 @@ TEST(LogFormat, RandomSpecsAgainstTheCLibrary) {
             case 'X': {
                 const char* lengths[] = {"", "hh", "h", "l", "ll", "z"};
                 const char* length = lengths[rng() % 6];
-                const std::string f = RandomSpec(rng, star, length, conversion);
+                const std::string f = RandomDirective(rng, star, length, conversion);
                 const std::string l = length;
                 if (l == "" || l == "hh" || l == "h") {
                     if (star)
@@ -136,7 +136,7 @@ TEST(LogFormat, RandomSpecsAgainstTheCLibrary) {
                 break;
             }
             case 'c': {
-                const std::string f = RandomSpec(rng, star, "", 'c');
+                const std::string f = RandomDirective(rng, star, "", 'c');
                 if (star)
                     Same(f, width, precision, static_cast<int>('a' + rng() % 26));
                 else
@@ -144,7 +144,7 @@ TEST(LogFormat, RandomSpecsAgainstTheCLibrary) {
                 break;
             }
             default: {
-                const std::string f = RandomSpec(rng, star, "", 's');
+                const std::string f = RandomDirective(rng, star, "", 's');
                 const char* texts[] = {"", "a", "hello", "a longer piece of text", nullptr};
                 const char* text = texts[rng() % 5];
                 if (star)

@@ -214,13 +214,16 @@ void Deliver(uint8_t* payload, uint32_t length) {
 detail::ring_status SpinPeek(detail::LogRing& ring, const uint8_t** payload, uint32_t* length) {
     const auto until = std::chrono::steady_clock::now() + kIdleSpin;
     for (uint32_t i = 1;; ++i) {
-        platform::CpuRelax();
+        // Each look reads the write offset, which a producer must then take back from this
+        // processor's cache: look every microsecond or so, not continuously.
+        for (int pause = 0; pause < 64; ++pause)
+            platform::CpuRelax();
         const detail::ring_status st = ring.Peek(payload, length);
         if (st != detail::ring_status::empty) return st;
-        if ((i & 63) == 0) {
+        if ((i & 1) == 0) {
             if (std::chrono::steady_clock::now() >= until) return st;
             // On a busy machine the producer may wait for this very processor.
-            if ((i & 1023) == 0) platform::YieldThread();
+            if ((i & 31) == 0) platform::YieldThread();
         }
     }
 }
@@ -236,7 +239,10 @@ void Drain(uint32_t timeoutMs, EventDetectorType* detector, Event* shutdown) {
     for (;;) {
         const uint8_t* payload;
         uint32_t length;
-        detail::ring_status st = ring.Peek(&payload, &length);
+        // What is known to be there is taken without reading the write offset; a look for
+        // more comes after a pause (below), so that a producer in a burst finds that offset
+        // still in its own cache.
+        detail::ring_status st = ring.Peek(&payload, &length, timeoutMs == 0);
         if (st == detail::ring_status::empty && timeoutMs != 0) {
             // Writers that wait for room get it all now.
             ring.WakeWriters(true);

@@ -66,7 +66,7 @@ class Sink {
     size_t pos_ = 0;
 };
 
-struct Spec {
+struct Directive {
     bool plain = true;  // no flag, width or precision
     bool left = false, plus = false, space = false, alt = false, zero = false;
     int width = 0;
@@ -124,7 +124,8 @@ char* Digits(uint64_t v, unsigned base, bool upper, char* end) {
     return p;
 }
 
-void PutInteger(Sink& sink, const Spec& s, uint64_t magnitude, bool negative, char conversion) {
+void PutInteger(Sink& sink, const Directive& s, uint64_t magnitude, bool negative,
+                char conversion) {
     if (s.plain && conversion != 'o' && conversion != 'x' && conversion != 'X') {
         // No flag, width or precision: the sign and the digits.
         char buffer[24];
@@ -180,7 +181,7 @@ void PutInteger(Sink& sink, const Spec& s, uint64_t magnitude, bool negative, ch
     if (s.left) sink.Fill(' ', pad);
 }
 
-void PutText(Sink& sink, const Spec& s, const char* text, size_t length) {
+void PutText(Sink& sink, const Directive& s, const char* text, size_t length) {
     const size_t width = s.width > 0 ? static_cast<size_t>(s.width) : 0;
     const size_t pad = width > length ? width - length : 0;
     if (!s.left) sink.Fill(' ', pad);
@@ -189,7 +190,8 @@ void PutText(Sink& sink, const Spec& s, const char* text, size_t length) {
 }
 
 // Builds "%<flags><width>.<precision><length><conversion>" with the numbers resolved.
-void BuildSpec(char* out, size_t room, const Spec& s, const char* length, char conversion) {
+void BuildDirective(char* out, size_t room, const Directive& s, const char* length,
+                    char conversion) {
     char flags[8];
     size_t f = 0;
     if (s.left) flags[f++] = '-';
@@ -206,10 +208,11 @@ void BuildSpec(char* out, size_t room, const Spec& s, const char* length, char c
 
 // Formats one value through the C library, straight into the sink.
 template <class T>
-void PutThroughLibrary(Sink& sink, const Spec& s, const char* length, char conversion, T value) {
-    char spec[64];
-    BuildSpec(spec, sizeof(spec), s, length, conversion);
-    const int n = std::snprintf(sink.Cursor(), sink.Left(), spec, value);
+void PutThroughLibrary(Sink& sink, const Directive& s, const char* length, char conversion,
+                       T value) {
+    char directive[64];
+    BuildDirective(directive, sizeof(directive), s, length, conversion);
+    const int n = std::snprintf(sink.Cursor(), sink.Left(), directive, value);
     if (n > 0) sink.Advance(static_cast<size_t>(n));
 }
 
@@ -259,7 +262,7 @@ int FormatText(char* out, size_t capacity, const char* format, va_list args) {
             ++p;
             continue;
         }
-        Spec s;
+        Directive s;
         for (;; ++p) {
             if (*p == '-')
                 s.left = true;

@@ -130,7 +130,7 @@ void LogRing::CommitWrite() noexcept {
     pendingWrite_ = 0;
 }
 
-ring_status LogRing::Peek(const uint8_t** payload, uint32_t* length) noexcept {
+ring_status LogRing::Peek(const uint8_t** payload, uint32_t* length, bool look) noexcept {
     if (data_ == nullptr) return ring_status::not_created;
     // There is one reader at a time, so a plain look at the open reservation is enough.
     if (pendingRead_.load(std::memory_order_relaxed) != 0) return ring_status::busy;
@@ -139,7 +139,7 @@ ring_status LogRing::Peek(const uint8_t** payload, uint32_t* length) noexcept {
     uint64_t r = static_cast<uint64_t>(control_->readOffset.load(std::memory_order_relaxed)) + 1;
     if (r >= c) r = 0;
     if (r == cachedWrite_) {
-        cachedWrite_ = control_->writeOffset.load(std::memory_order_seq_cst);
+        if (look) cachedWrite_ = control_->writeOffset.load(std::memory_order_seq_cst);
         if (r == cachedWrite_) {
             pendingRead_.store(0, std::memory_order_release);
             return ring_status::empty;

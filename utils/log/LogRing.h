@@ -76,8 +76,10 @@ class alignas(64) LogRing {
     ring_status Reserve(uint32_t length, uint8_t** payload) noexcept;
     // Publishes the open reservation.
     void CommitWrite() noexcept;
-    // The oldest entry's payload and length, reserved for reading.
-    ring_status Peek(const uint8_t** payload, uint32_t* length) noexcept;
+    // The oldest entry's payload and length, reserved for reading. Without `look`, entries
+    // the reader has not yet seen committed count as absent, and the write offset, which
+    // the producers write all the time, is not read.
+    ring_status Peek(const uint8_t** payload, uint32_t* length, bool look = true) noexcept;
     // Frees the entry of the open read reservation.
     void CommitRead() noexcept;
     // Wakes writers that have said they wait for room, once an eighth of the ring has been
