@@ -61,11 +61,51 @@ std::string RandomDirective(std::mt19937& rng, bool star, const char* length, ch
     return s + ">";
 }
 
+// True when the C library formats like C99 as glibc reads it, the behaviour the log formatter
+// keeps on every platform. Some runtimes print pointers without "0x", apply the blank flag
+// to unsigned conversions and know neither %L nor %q on integers; there the comparison with
+// the C library would test the runtime, not the formatter.
+bool CLibraryIsTheReference() {
+    char text[64];
+    const char* volatile probe = "%p|% u|%Ld";  // kept from the compiler's format check
+    std::snprintf(text, sizeof text, probe, reinterpret_cast<void*>(0x1234), 5u,
+                  static_cast<long long>(1) << 40);
+    return std::string(text) == "0x1234|5|1099511627776";
+}
+
 }  // namespace
+
+// The formatter's own answers, the same on every platform (pointers and floating point go
+// to the C library and are not among them).
+TEST(LogFormat, KnownTexts) {
+    char out[128];
+    struct Case {
+        const char* expected;
+        int result;
+    };
+    auto check = [&](const Case& c, int n) {
+        EXPECT_EQ(n, c.result);
+        EXPECT_STREQ(out, c.expected);
+    };
+    check({"-2147483648|18446744073709551615|ff", 35},
+          Ours(out, sizeof out, "%d|%llu|%x", INT_MIN, ~0ull, 255u));
+    check({"(-0042)|(  +7)|(7   )|(0x1f)", 28},
+          Ours(out, sizeof out, "(%05d)|(%+4d)|(%-4u)|(%#x)", -42, 7, 7u, 31u));
+    check({"abc|  ab|(null)", 15},
+          Ours(out, sizeof out, "%s|%4.2s|%s", "abc", "abc", static_cast<const char*>(nullptr)));
+    check({"5|1099511627776|42", 18},
+          Ours(out, sizeof out, "% u|%Ld|%I64d", 5u, static_cast<long long>(1) << 40,
+               static_cast<long long>(42)));
+    check({"12", 5}, Ours(out, 3, "12345"));
+    check({"100%", 4}, Ours(out, sizeof out, "100%%"));
+}
 
 // What the random test below does not reach: floating point, pointers, wide text, the
 // odd cases and what goes to the C library whole.
 TEST(LogFormat, FixedCases) {
+    if (!CLibraryIsTheReference())
+        GTEST_SKIP() << "this platform's C library formats %p, the blank flag and %L/%q "
+                        "differently from C99; KnownTexts covers the formatter here";
     Same("plain text");
     Same("%d|%lld|%lu|%hhd|%hd|%zu|%jd|%Ld|%qd", INT_MIN, LLONG_MIN, ULONG_MAX, 300, 70000,
          size_t{123}, intmax_t{-7}, 1LL << 40, 1LL << 41);
@@ -84,6 +124,9 @@ TEST(LogFormat, FixedCases) {
 }
 
 TEST(LogFormat, RandomDirectivesAgainstTheCLibrary) {
+    if (!CLibraryIsTheReference())
+        GTEST_SKIP() << "this platform's C library formats %p, the blank flag and %L/%q "
+                        "differently from C99; KnownTexts covers the formatter here";
     std::mt19937 rng(2024);
     const int64_t edges[] = {0,   1,    -1,      9,       10,        99,
                              100, -100, INT_MAX, INT_MIN, LLONG_MAX, LLONG_MIN};
