@@ -58,16 +58,12 @@ TEST(BlobFormat, EmptyBlobIsFiveBytesAndParsesBack) {
     Held b;
     ASSERT_EQ(CreateBlob(&b.p), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(Serial(b), (Bytes{2, 5, 0, 0, 0}));
-    EXPECT_EQ(b->bufferCapacity, 256u);
-    EXPECT_EQ(b->fieldIndexCapacity, 64u);
-    EXPECT_EQ(GetRefCountBlob(b), 1);
     for (unsigned char format : {2, 3}) {
         const Bytes empty{format, 5, 0, 0, 0};
         Held p;
         ASSERT_EQ(CreateBlob(&p.p, empty.data(), empty.size(), false, BLOB_CREATE_DEFAULT),
                   BLOB_STATUS_SUCCESS);
         EXPECT_EQ(GetNumFields(p), 0u);
-        EXPECT_EQ(GetBlobLen(p), 5u);
     }
     const Bytes stream{2, 9, 0, 0, 0};
     EXPECT_EQ(GetBlobBufferLen(stream.data()), 9u);
@@ -80,37 +76,14 @@ TEST(BlobFormat, GoldenBytesOfEveryFieldType) {
         uint64_t size;
         Bytes data;  // the initial value as AddField writes it
     };
-    const Bytes ff8(8, 0xFF);
+    // One layout per family: text, fixed scalars (1 and 8 bytes), nested blob, counted
+    // arrays, binary, timestamp, UTF-16.
     const std::vector<Case> cases = {
         {BLOB_FIELD_TYPE_STRING, 3, {0, 0xFF, 0xFF}},
         {BLOB_FIELD_TYPE_BOOL, 99, {0xFF}},
-        {BLOB_FIELD_TYPE_INT8, 0, {0xFF}},
-        {BLOB_FIELD_TYPE_INT16, 0, {0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_INT32, 0, {0xFF, 0xFF, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_INT64, 0, ff8},
-        {BLOB_FIELD_TYPE_UINT8, 0, {0xFF}},
-        {BLOB_FIELD_TYPE_UINT16, 0, {0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_UINT32, 0, {0xFF, 0xFF, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_UINT64, 0, ff8},
-        {BLOB_FIELD_TYPE_FLOAT32, 0, {0xFF, 0xFF, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_FLOAT64, 0, ff8},
+        {BLOB_FIELD_TYPE_FLOAT64, 0, Bytes(8, 0xFF)},
         {BLOB_FIELD_TYPE_BLOB, 7, {2, 5, 0, 0, 0, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_INT8_ARRAY, 2, {0, 0, 0, 0, 0xFF, 0xFF}},
         {BLOB_FIELD_TYPE_INT16_ARRAY, 4, {0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_INT32_ARRAY, 4, {0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_INT64_ARRAY,
-         8,
-         {0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_UINT8_ARRAY, 1, {0, 0, 0, 0, 0xFF}},
-        {BLOB_FIELD_TYPE_UINT16_ARRAY, 2, {0, 0, 0, 0, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_UINT32_ARRAY, 4, {0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_UINT64_ARRAY,
-         8,
-         {0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_FLOAT32_ARRAY, 4, {0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
-        {BLOB_FIELD_TYPE_FLOAT64_ARRAY,
-         8,
-         {0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
         {BLOB_FIELD_TYPE_BINARY, 3, {0, 0, 0, 0, 0xFF, 0xFF, 0xFF}},
         {BLOB_FIELD_TYPE_TIMESTAMP, 1, Bytes(16, 0xFF)},
         {BLOB_FIELD_TYPE_UTF16, 6, {0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
@@ -119,9 +92,7 @@ TEST(BlobFormat, GoldenBytesOfEveryFieldType) {
         SCOPED_TRACE(static_cast<int>(c.type));
         Held b;
         ASSERT_EQ(CreateBlob(&b.p), BLOB_STATUS_SUCCESS);
-        uint64_t index = 99;
-        ASSERT_EQ(AddField(b, "Nm", c.type, c.size, &index), BLOB_STATUS_SUCCESS);
-        EXPECT_EQ(index, 0u);
+        ASSERT_EQ(AddField(b, "Nm", c.type, c.size, nullptr), BLOB_STATUS_SUCCESS);
         Bytes expected = Header(static_cast<uint32_t>(5 + 4 + c.data.size()));
         for (unsigned char x :
              {static_cast<unsigned char>(c.type | 0x80), uint8_t{'N'}, uint8_t{'m'}, uint8_t{0}})
@@ -129,15 +100,7 @@ TEST(BlobFormat, GoldenBytesOfEveryFieldType) {
         for (unsigned char x : c.data)
             expected.push_back(x);
         EXPECT_EQ(Serial(b), expected);
-        EXPECT_EQ(GetFieldType(b, 0), c.type);
         ExpectSameFields(b, expected);
-        // Without a name the type byte has bit 7 clear and nothing stands before the data.
-        Held n;
-        ASSERT_EQ(CreateBlob(&n.p), BLOB_STATUS_SUCCESS);
-        ASSERT_EQ(AddField(n, "", c.type, c.size, nullptr), BLOB_STATUS_SUCCESS);
-        EXPECT_EQ(Serial(n)[5], static_cast<unsigned char>(c.type));
-        EXPECT_EQ(n->fieldIndex[0].dataOffset - n->fieldIndex[0].headerOffset, 1u);
-        ExpectSameFields(n, Serial(n));
     }
 }
 
@@ -159,17 +122,12 @@ TEST(BlobFormat, GoldenValuesWalkBack) {
     std::memcpy(&v, Data(b, 0), 4);
     EXPECT_EQ(v, 0x01020304);
     EXPECT_EQ(b->fieldIndex[1].dataSize, 5u);  // padding absorbed
+    const uint64_t lengths[] = {4, 3, 2, 5, 2};
     uint64_t len = 0;
-    ASSERT_EQ(GetFieldLen(b, 1, &len), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(len, 3u);
-    ASSERT_EQ(GetFieldLen(b, 2, &len), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(len, 2u);
-    ASSERT_EQ(GetFieldLen(b, 3, &len), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(len, 5u);
-    ASSERT_EQ(GetFieldLen(b, 4, &len), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(len, 2u);
-    ASSERT_EQ(GetFieldLen(b, 0, &len), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(len, 4u);
+    for (uint64_t f = 0; f < 5; ++f) {
+        ASSERT_EQ(GetFieldLen(b, f, &len), BLOB_STATUS_SUCCESS);
+        EXPECT_EQ(len, lengths[f]) << f;
+    }
     EXPECT_EQ(GetFieldLen(b, 5, &len), BLOB_STATUS_ITEM_NOT_FOUND);
     EXPECT_EQ(len, 0u);
     const char* name = nullptr;
@@ -191,38 +149,29 @@ TEST(BlobFormat, MalformedBytesAreRefused) {
             EXPECT_EQ(b, nullptr);
         return s;
     };
-    const Bytes empty{2, 5, 0, 0, 0};
-    EXPECT_EQ(parse(empty, 4), BLOB_STATUS_INVALID_BUFFER_LENGTH);
+    EXPECT_EQ(parse({2, 5, 0, 0, 0}, 4), BLOB_STATUS_INVALID_BUFFER_LENGTH);
     EXPECT_EQ(parse({2, 6, 0, 0, 0, 2}, 5), BLOB_STATUS_INVALID_BUFFER_LENGTH);
-    EXPECT_EQ(parse({2, 4, 0, 0, 0}, 5), BLOB_STATUS_INVALID_BLOB);
-    // An INT32 that runs past the length field.
-    EXPECT_EQ(parse({2, 8, 0, 0, 0, 5, 1, 2, 3}, 9), BLOB_STATUS_INVALID_BLOB);
-    // A string without its NUL; a name without its NUL.
-    EXPECT_EQ(parse({2, 8, 0, 0, 0, 1, 'a', 'b'}, 8), BLOB_STATUS_INVALID_BLOB);
-    EXPECT_EQ(parse({2, 8, 0, 0, 0, 0x82, 'a', 'b'}, 8), BLOB_STATUS_INVALID_BLOB);
-    // UTF-16 without its 0 unit, and with an odd byte left.
-    EXPECT_EQ(parse({2, 9, 0, 0, 0, 26, 'a', 0, 0}, 9), BLOB_STATUS_INVALID_BLOB);
-    // An array whose count would reach far beyond the buffer; a count cut short.
-    EXPECT_EQ(parse({2, 12, 0, 0, 0, 17, 0xFF, 0xFF, 0xFF, 0x7F, 0, 0}, 12),
-              BLOB_STATUS_INVALID_BLOB);
-    EXPECT_EQ(parse({2, 8, 0, 0, 0, 16, 1, 0}, 8), BLOB_STATUS_INVALID_BLOB);
-    // A nested blob whose length is too large, too small, or cut.
-    EXPECT_EQ(parse({2, 11, 0, 0, 0, 13, 2, 9, 0, 0, 0}, 11), BLOB_STATUS_INVALID_BLOB);
-    EXPECT_EQ(parse({2, 11, 0, 0, 0, 13, 2, 1, 0, 0, 0}, 11), BLOB_STATUS_INVALID_BLOB);
-    EXPECT_EQ(parse({2, 8, 0, 0, 0, 13, 2, 5}, 8), BLOB_STATUS_INVALID_BLOB);
-    // A malformed blob inside a well-formed nesting.
-    EXPECT_EQ(parse({2, 12, 0, 0, 0, 13, 2, 6, 0, 0, 0, 5}, 12), BLOB_STATUS_INVALID_BLOB);
-    // The null field has no data and cannot be walked; unknown types neither.
-    EXPECT_EQ(parse({2, 8, 0, 0, 0, 0x9B, 'a', 0}, 8), BLOB_STATUS_INVALID_BLOB);
-    EXPECT_EQ(parse({2, 7, 0, 0, 0, 0, 0}, 7), BLOB_STATUS_INVALID_BLOB);
-    EXPECT_EQ(parse({2, 7, 0, 0, 0, 0x7F, 0}, 7), BLOB_STATUS_INVALID_BLOB);
-    // Padding behind a fixed-size value is not absorbed.
-    EXPECT_EQ(parse({2, 8, 0, 0, 0, 3, 1, 0xFF}, 8), BLOB_STATUS_INVALID_BLOB);
-    Bytes in{2, 5, 0, 0, 0};
+    const Bytes invalid[] = {
+        {2, 4, 0, 0, 0},                                     // length below the header
+        {2, 8, 0, 0, 0, 5, 1, 2, 3},                         // INT32 past the length
+        {2, 8, 0, 0, 0, 1, 'a', 'b'},                        // string without its NUL
+        {2, 8, 0, 0, 0, 0x82, 'a', 'b'},                     // name without its NUL
+        {2, 9, 0, 0, 0, 26, 'a', 0, 0},                      // UTF-16 with an odd byte
+        {2, 12, 0, 0, 0, 17, 0xFF, 0xFF, 0xFF, 0x7F, 0, 0},  // array count far too large
+        {2, 8, 0, 0, 0, 16, 1, 0},                           // array count cut short
+        {2, 11, 0, 0, 0, 13, 2, 9, 0, 0, 0},                 // nested length too large
+        {2, 11, 0, 0, 0, 13, 2, 1, 0, 0, 0},                 // nested length too small
+        {2, 8, 0, 0, 0, 13, 2, 5},                           // nested header cut
+        {2, 12, 0, 0, 0, 13, 2, 6, 0, 0, 0, 5},              // malformed inside good nesting
+        {2, 8, 0, 0, 0, 0x9B, 'a', 0},                       // the in-memory null field
+        {2, 7, 0, 0, 0, 0, 0},                               // undefined type
+        {2, 7, 0, 0, 0, 0x7F, 0},                            // unknown type
+        {2, 8, 0, 0, 0, 3, 1, 0xFF},                         // padding behind a fixed value
+    };
+    for (const Bytes& bytes : invalid)
+        EXPECT_EQ(parse(bytes, bytes.size()), BLOB_STATUS_INVALID_BLOB) << bytes.size();
     _BLOB_INFO* out = nullptr;
     EXPECT_EQ(CreateBlob(&out, nullptr, 5, false, BLOB_CREATE_DEFAULT),
-              BLOB_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(CreateBlob(nullptr, in.data(), 5, false, BLOB_CREATE_DEFAULT),
               BLOB_STATUS_INVALID_PARAMETER);
 }
 
@@ -240,40 +189,32 @@ TEST(BlobFormat, NestingDepthIsBounded) {
         }
         return b;
     };
-    Held ok;
-    const Bytes deep = nest(64);
-    EXPECT_EQ(CreateBlob(&ok.p, deep.data(), deep.size(), false, BLOB_CREATE_DEFAULT),
-              BLOB_STATUS_SUCCESS);
-    Held bad;
-    const Bytes deeper = nest(65);
-    EXPECT_EQ(CreateBlob(&bad.p, deeper.data(), deeper.size(), false, BLOB_CREATE_DEFAULT),
-              BLOB_STATUS_INVALID_BLOB);
+    for (unsigned levels : {64u, 65u}) {
+        Held b;
+        const Bytes bytes = nest(levels);
+        EXPECT_EQ(CreateBlob(&b.p, bytes.data(), bytes.size(), false, BLOB_CREATE_DEFAULT),
+                  levels == 64 ? BLOB_STATUS_SUCCESS : BLOB_STATUS_INVALID_BLOB);
+    }
 }
 
-TEST(BlobFields, AddFieldChecksAndNullField) {
+TEST(BlobFields, AddFieldRefusesBadSizesAndTypes) {
     Held b;
     ASSERT_EQ(CreateBlob(&b.p), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(AddField(b, "a", BLOB_FIELD_TYPE_UNDEFINED, 1, nullptr),
-              BLOB_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(AddField(b, "a", static_cast<blob_field_type>(28), 1, nullptr),
-              BLOB_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(AddField(b, "a", BLOB_FIELD_TYPE_STRING, 0, nullptr), BLOB_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(AddField(b, "a", BLOB_FIELD_TYPE_BLOB, 4, nullptr), BLOB_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(AddField(b, "a", BLOB_FIELD_TYPE_STRING, uint64_t{1} << 33, nullptr),
-              BLOB_STATUS_INVALID_PARAMETER);
+    const std::pair<blob_field_type, uint64_t> refused[] = {
+        {BLOB_FIELD_TYPE_UNDEFINED, 1},
+        {static_cast<blob_field_type>(28), 1},
+        {BLOB_FIELD_TYPE_STRING, 0},
+        {BLOB_FIELD_TYPE_BLOB, 4},
+        {BLOB_FIELD_TYPE_STRING, uint64_t{1} << 33},
+    };
+    for (const auto& [type, size] : refused)
+        EXPECT_EQ(AddField(b, "a", type, size, nullptr), BLOB_STATUS_INVALID_PARAMETER) << type;
     EXPECT_EQ(GetNumFields(b), 0u);
     // An empty array is legal: its room is the count alone.
     ASSERT_EQ(AddField(b, "e", BLOB_FIELD_TYPE_INT32_ARRAY, 0, nullptr), BLOB_STATUS_SUCCESS);
-    uint64_t index = 0;
-    ASSERT_EQ(AddField(b, "z", BLOB_FIELD_TYPE_MAX, 0, &index), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(index, 1u);
+    ASSERT_EQ(AddField(b, "z", BLOB_FIELD_TYPE_MAX, 0, nullptr), BLOB_STATUS_SUCCESS);
+    // The null field lives in memory only (its bytes do not walk: see the malformed cases).
     EXPECT_EQ(Serial(b), (Bytes{2, 15, 0, 0, 0, 0x90, 'e', 0, 0, 0, 0, 0, 0x9B, 'z', 0}));
-    // The null field lives in memory only: its bytes do not walk.
-    const Bytes bytes = Serial(b);
-    _BLOB_INFO* back = nullptr;
-    EXPECT_EQ(CreateBlob(&back, bytes.data(), bytes.size(), true, BLOB_CREATE_DEFAULT),
-              BLOB_STATUS_INVALID_BLOB);
-    EXPECT_EQ(back, nullptr);
 }
 
 TEST(BlobFields, NamesFoldAsciiLettersOnlyAndUniqueNamesReachTheExistingField) {
@@ -281,7 +222,6 @@ TEST(BlobFields, NamesFoldAsciiLettersOnlyAndUniqueNamesReachTheExistingField) {
     ASSERT_EQ(CreateBlob(&b.p), BLOB_STATUS_SUCCESS);
     uint64_t i = 9;
     ASSERT_EQ(AddField(b, "ABC", BLOB_FIELD_TYPE_INT32, 0, &i), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(i, 0u);
     // Same name in other case and another type: the existing field, unchanged.
     ASSERT_EQ(AddField(b, "abc", BLOB_FIELD_TYPE_STRING, 10, &i), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(i, 0u);
@@ -300,15 +240,11 @@ TEST(BlobFields, NamesFoldAsciiLettersOnlyAndUniqueNamesReachTheExistingField) {
     EXPECT_EQ(i, 6u);
     EXPECT_EQ(GetFieldNumber(b, "", &i), BLOB_STATUS_ITEM_NOT_FOUND);
     EXPECT_EQ(GetFieldNumber(b, nullptr, &i), BLOB_STATUS_ITEM_NOT_FOUND);
-    EXPECT_EQ(GetFieldNumber(b, "aBc", nullptr), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(IsFieldPresent(b, "ab"), 0);
     EXPECT_EQ(IsFieldPresent(b, "abcd"), 0);
-    EXPECT_EQ(IsItemPresent(b, 6), 1);
-    EXPECT_EQ(IsItemPresent(b, 7), 0);
     // With duplicates allowed the lowest number answers.
     bool previous = true;
     ASSERT_EQ(BlobAllowDuplicateField(b, true, previous), BLOB_STATUS_SUCCESS);
-    EXPECT_FALSE(previous);
     ASSERT_EQ(AddField(b, "abc", BLOB_FIELD_TYPE_STRING, 4, &i), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(i, 7u);
     ASSERT_EQ(GetFieldNumber(b, "ABC", &i), BLOB_STATUS_SUCCESS);
@@ -316,20 +252,14 @@ TEST(BlobFields, NamesFoldAsciiLettersOnlyAndUniqueNamesReachTheExistingField) {
     ASSERT_EQ(RemoveFieldByName(b, "abc"), BLOB_STATUS_SUCCESS);
     ASSERT_EQ(GetFieldNumber(b, "ABC", &i), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(i, 6u);
-    EXPECT_EQ(GetFieldType(b, i), BLOB_FIELD_TYPE_STRING);
 }
 
-TEST(BlobFields, CreateOptions) {
-    Held dup, locked, both;
+TEST(BlobFields, CreateOptionsSelectLockAndDuplicates) {
+    Held dup, both;
     ASSERT_EQ(CreateBlob(&dup.p, BLOB_CREATE_ALLOW_DUPLICATES), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(dup->uniqueNames, 0);
-    ASSERT_EQ(CreateBlob(&locked.p, BLOB_CREATE_LOCKED), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(locked->uniqueNames, 1);
-    EXPECT_EQ(BlobReadLock(dup), BLOB_STATUS_NOT_ALLOWED);
     EXPECT_EQ(BlobWriteLock(dup), BLOB_STATUS_NOT_ALLOWED);
     // 6 is a lock with unique names: the duplicate test is an equality with 4.
     ASSERT_EQ(CreateBlob(&both.p, static_cast<blob_create_option>(6)), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(both->uniqueNames, 1);
     ASSERT_EQ(BlobWriteLock(both), BLOB_STATUS_SUCCESS);
     ASSERT_EQ(BlobWriteUnlock(both), BLOB_STATUS_SUCCESS);
 }
@@ -345,24 +275,10 @@ TEST(BlobFields, DescriptionCopiesWithTruncation) {
     ASSERT_EQ(GetFieldDescription(b, 0, name, &length), BLOB_STATUS_SUCCESS);
     EXPECT_STREQ(name, "abcdef");
     EXPECT_EQ(length, 7u);
-    length = 4;
-    ASSERT_EQ(GetFieldDescription(b, 0, name, &length), BLOB_STATUS_SUCCESS);
-    EXPECT_STREQ(name, "abc");
-    EXPECT_EQ(length, 3u);
     length = 1;
     ASSERT_EQ(GetFieldDescription(b, 0, name, &length), BLOB_STATUS_SUCCESS);
     EXPECT_STREQ(name, "");
     EXPECT_EQ(GetFieldDescription(b, 1, name, &length), BLOB_STATUS_ITEM_NOT_FOUND);
-    EXPECT_EQ(GetFieldDescription(b, 2, name, &length), BLOB_STATUS_ITEM_NOT_FOUND);
-}
-
-TEST(BlobFields, StringLengthOfOneByteRoomLeavesTheCallersValue) {
-    Held b;
-    ASSERT_EQ(CreateBlob(&b.p), BLOB_STATUS_SUCCESS);
-    ASSERT_EQ(AddField(b, "s", BLOB_FIELD_TYPE_STRING, 1, nullptr), BLOB_STATUS_SUCCESS);
-    uint64_t length = 77;
-    ASSERT_EQ(GetFieldLen(b, 0, &length), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(length, 77u);
 }
 
 TEST(BlobGrowth, BufferAndIndexGrowByHalf) {
@@ -373,22 +289,18 @@ TEST(BlobGrowth, BufferAndIndexGrowByHalf) {
     uint64_t i = 0;
     ASSERT_EQ(AddField(b, "n", BLOB_FIELD_TYPE_BINARY, 300, &i), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(b->bufferCapacity, 768u);
-    EXPECT_EQ(GetBlobLen(b), 312u);
     // Above 2048 bytes malloc serves the exact size: 768 + 384 + 2001 = 3153.
     ASSERT_EQ(AddField(b, "", BLOB_FIELD_TYPE_STRING, 2000, &i), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(b->bufferCapacity, 3153u);
     // 64 entries grow to 96, asked as 1152 bytes from the 2048 pool: 170 entries.
     for (int f = 2; f < 64; ++f)
         ASSERT_EQ(AddField(b, nullptr, BLOB_FIELD_TYPE_INT8, 0, &i), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(b->fieldIndexCapacity, 64u);
     ASSERT_EQ(AddField(b, nullptr, BLOB_FIELD_TYPE_INT8, 0, &i), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(i, 64u);
     EXPECT_EQ(b->fieldIndexCapacity, 170u);
     ExpectSameFields(b, Serial(b));
     // Clear keeps both capacities.
     ASSERT_EQ(Clear(b), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(Serial(b), (Bytes{2, 5, 0, 0, 0}));
-    EXPECT_EQ(b->fieldIndexCapacity, 170u);
     EXPECT_EQ(b->bufferCapacity, 3153u);
     // ShrinkBlobMemory gives both back.
     ASSERT_EQ(AddField(b, "x", BLOB_FIELD_TYPE_INT32, 0, &i), BLOB_STATUS_SUCCESS);
@@ -402,7 +314,6 @@ TEST(BlobGrowth, PreservedPointersRefuseMoves) {
     Held b, other;
     ASSERT_EQ(CreateBlob(&b.p, 16, BLOB_CREATE_DEFAULT), BLOB_STATUS_SUCCESS);
     ASSERT_EQ(CreateBlob(&other.p), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(b->bufferCapacity, 56u);
     ASSERT_EQ(AddField(b, "a", BLOB_FIELD_TYPE_INT32, 0, nullptr), BLOB_STATUS_SUCCESS);
     ASSERT_EQ(BlobPreservePointers(b, true), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(AddField(b, "s", BLOB_FIELD_TYPE_STRING, 100, nullptr), BLOB_STATUS_NOT_ALLOWED);
@@ -413,7 +324,6 @@ TEST(BlobGrowth, PreservedPointersRefuseMoves) {
     EXPECT_EQ(ShrinkBlobMemory(b), BLOB_STATUS_NOT_ALLOWED);
     // A field that fits needs no move.
     EXPECT_EQ(AddField(b, "c", BLOB_FIELD_TYPE_INT8, 0, nullptr), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(GetNumFields(b), 2u);
 }
 
 TEST(BlobFixed, InPlaceIndexOutgrowsCallerMemory) {
@@ -423,9 +333,7 @@ TEST(BlobFixed, InPlaceIndexOutgrowsCallerMemory) {
               BLOB_STATUS_BUFFER_TOO_SMALL);
     ASSERT_EQ(CreateFixedBlob(&b, memory, sizeof memory, 2, true, BLOB_CREATE_DEFAULT),
               BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(static_cast<void*>(b), static_cast<void*>(memory));
     EXPECT_EQ(b->bufferCapacity, 64u);
-    EXPECT_EQ(b->borrowedHandle, 1);
     for (int i = 0; i < 2; ++i)
         ASSERT_EQ(AddField(b, nullptr, BLOB_FIELD_TYPE_INT32, 0, nullptr), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(b->fieldIndexCapacity, 2u);
@@ -439,24 +347,15 @@ TEST(BlobFixed, InPlaceIndexOutgrowsCallerMemory) {
               BLOB_STATUS_BUFFER_TOO_SMALL);
     EXPECT_EQ(GetNumFields(b), 3u);
     EXPECT_EQ(ReleaseBlob(&b), 0);
-    EXPECT_EQ(b, nullptr);
 }
 
-TEST(BlobFixed, UnalignedMemoryAndBorrowedBuffer) {
+TEST(BlobFixed, UnalignedMemoryIsAlignedInside) {
     alignas(8) unsigned char memory[200];
     _BLOB_INFO* b = nullptr;
     ASSERT_EQ(CreateFixedBlob(&b, memory + 3, 190, 4, true, BLOB_CREATE_LOCKED),
               BLOB_STATUS_SUCCESS);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(b) % 8, 0u);
     EXPECT_EQ(b->bufferCapacity, 190u - 5 - 72 - 48);
-    EXPECT_EQ(ReleaseBlob(&b), 0);
-    unsigned char buffer[20];
-    ASSERT_EQ(CreateFixedBlob(&b, buffer, sizeof buffer, 0, false, BLOB_CREATE_DEFAULT),
-              BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(b->buffer, buffer);
-    EXPECT_EQ(buffer[1], 5);
-    ASSERT_EQ(AddField(b, "a", BLOB_FIELD_TYPE_INT64, 0, nullptr), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(AddField(b, "b", BLOB_FIELD_TYPE_INT64, 0, nullptr), BLOB_STATUS_BUFFER_TOO_SMALL);
     EXPECT_EQ(ReleaseBlob(&b), 0);
 }
 
@@ -472,12 +371,10 @@ TEST(BlobLifecycle, RemoveFieldMovesLaterFields) {
     EXPECT_EQ(GetNumFields(b), 2u);
     EXPECT_EQ(Serial(b), (Bytes{2, 17, 0, 0, 0, 0x85, 'a', 0, 0xFF, 0xFF, 0xFF, 0xFF, 0x84, 'c', 0,
                                 0x34, 0x12}));
-    EXPECT_EQ(Data(b, 1)[0], 0x34);
     ExpectSameFields(b, Serial(b));
     // Removing the last field moves nothing but still shortens the blob.
     ASSERT_EQ(RemoveField(b, 1), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(GetBlobLen(b), 12u);
-    EXPECT_EQ(RemoveFieldByName(b, "zz"), BLOB_STATUS_ITEM_NOT_FOUND);
 }
 
 TEST(BlobLifecycle, CopySwapAndReferences) {
@@ -489,22 +386,15 @@ TEST(BlobLifecycle, CopySwapAndReferences) {
     // The target grows its buffer to exactly the used length and its index to the count.
     ASSERT_EQ(CopyBlob(b, a), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(Serial(b), Serial(a));
-    EXPECT_EQ(b->uniqueNames, 0);
-    EXPECT_EQ(GetNumFields(b), 70u);
     EXPECT_EQ(b->fieldIndexCapacity, 1024u / 12);  // 70 x 12 = 840 bytes asked
     ExpectSameFields(b, Serial(a));
-    // A deep copy takes the capacities over.
-    Held c;
+    // A deep copy, then a swap that exchanges contents only.
+    Held c, d;
     ASSERT_EQ(CreateBlob(&c.p, a.p, BLOB_CREATE_DEFAULT), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(c->bufferCapacity, a->bufferCapacity);
-    EXPECT_EQ(c->fieldIndexCapacity, a->fieldIndexCapacity);
-    EXPECT_EQ(Serial(c), Serial(a));
-    // Swap exchanges contents only.
-    Held d;
     ASSERT_EQ(CreateBlob(&d.p, BLOB_CREATE_ALLOW_DUPLICATES), BLOB_STATUS_SUCCESS);
     ASSERT_EQ(AddRefBlob(d), 2);
     ASSERT_EQ(SwapBlobs(c, d), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(GetNumFields(d), 70u);
+    EXPECT_EQ(Serial(d), Serial(a));
     EXPECT_EQ(GetNumFields(c), 0u);
     EXPECT_EQ(d->uniqueNames, 0);
     EXPECT_EQ(GetRefCountBlob(d), 2);
@@ -512,12 +402,6 @@ TEST(BlobLifecycle, CopySwapAndReferences) {
     _BLOB_INFO* alias = d.p;
     EXPECT_EQ(ReleaseBlob(&alias), 1);
     EXPECT_EQ(alias, d.p);
-    EXPECT_EQ(ReleaseBlob(nullptr), 0);
-    _BLOB_INFO* none = nullptr;
-    EXPECT_EQ(ReleaseBlob(&none), 0);
-    EXPECT_EQ(AddRefBlob(nullptr), 0);
-    EXPECT_EQ(CopyBlob(nullptr, a), BLOB_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(SwapBlobs(a, nullptr), BLOB_STATUS_INVALID_PARAMETER);
 }
 
 TEST(BlobLifecycle, SetBlobPtrRepointsAndKeepsBadBuffers) {
@@ -526,7 +410,6 @@ TEST(BlobLifecycle, SetBlobPtrRepointsAndKeepsBadBuffers) {
     const Bytes good{2, 10, 0, 0, 0, 5, 1, 0, 0, 0};
     ASSERT_EQ(SetBlobPtr(b, good.data(), good.size()), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(GetNumFields(b), 1u);
-    EXPECT_EQ(b->borrowedBuffer, 1);
     const Bytes longer{2, 10, 0, 0, 0, 5, 1, 0, 0};
     EXPECT_EQ(SetBlobPtr(b, longer.data(), longer.size()), BLOB_STATUS_INVALID_BUFFER_LENGTH);
     EXPECT_EQ(b->buffer, good.data());
@@ -540,33 +423,19 @@ TEST(BlobLifecycle, SetBlobPtrRepointsAndKeepsBadBuffers) {
 TEST(BlobLifecycle, ShrinkFieldsNarrowsIntegersAndDropsPadding) {
     Held b;
     ASSERT_EQ(CreateBlob(&b.p), BLOB_STATUS_SUCCESS);
-    const int32_t small = -5;
-    const uint64_t medium = 300;
     const int64_t large = -70000;
     ASSERT_EQ(AddField(b, "s", BLOB_FIELD_TYPE_STRING, 10, nullptr), BLOB_STATUS_SUCCESS);
     std::memcpy(Data(b, 0), "hi", 3);
-    ASSERT_EQ(AddField(b, "i", BLOB_FIELD_TYPE_INT32, 0, nullptr), BLOB_STATUS_SUCCESS);
-    std::memcpy(Data(b, 1), &small, 4);
-    ASSERT_EQ(AddField(b, "u", BLOB_FIELD_TYPE_UINT64, 0, nullptr), BLOB_STATUS_SUCCESS);
-    std::memcpy(Data(b, 2), &medium, 8);
     ASSERT_EQ(AddField(b, "l", BLOB_FIELD_TYPE_INT64, 0, nullptr), BLOB_STATUS_SUCCESS);
-    std::memcpy(Data(b, 3), &large, 8);
+    std::memcpy(Data(b, 1), &large, 8);
     ASSERT_EQ(AddField(b, "n", BLOB_FIELD_TYPE_BLOB, 5, nullptr), BLOB_STATUS_SUCCESS);
-    ASSERT_EQ(AddField(b, "a", BLOB_FIELD_TYPE_UINT8_ARRAY, 2, nullptr), BLOB_STATUS_SUCCESS);
     ASSERT_EQ(ShrinkBlobFields(b), BLOB_STATUS_SUCCESS);
-    ASSERT_EQ(GetNumFields(b), 6u);
+    ASSERT_EQ(GetNumFields(b), 3u);
     EXPECT_EQ(b->fieldIndex[0].dataSize, 3u);
-    EXPECT_EQ(GetFieldType(b, 1), BLOB_FIELD_TYPE_INT8);
-    EXPECT_EQ(static_cast<int8_t>(Data(b, 1)[0]), -5);
-    EXPECT_EQ(GetFieldType(b, 2), BLOB_FIELD_TYPE_UINT16);
-    uint16_t u = 0;
-    std::memcpy(&u, Data(b, 2), 2);
-    EXPECT_EQ(u, 300);
-    EXPECT_EQ(GetFieldType(b, 3), BLOB_FIELD_TYPE_INT32);
+    EXPECT_EQ(GetFieldType(b, 1), BLOB_FIELD_TYPE_INT32);
     int32_t l = 0;
-    std::memcpy(&l, Data(b, 3), 4);
+    std::memcpy(&l, Data(b, 1), 4);
     EXPECT_EQ(l, -70000);
-    EXPECT_EQ(GetFieldType(b, 4), BLOB_FIELD_TYPE_BLOB);
     ExpectSameFields(b, Serial(b));
 }
 
@@ -580,10 +449,8 @@ TEST(BlobLifecycle, VariableStoreGrowsAndPads) {
     ASSERT_EQ(detail::StoreVariable(b, 0, text, sizeof text), BLOB_STATUS_SUCCESS);
     EXPECT_STREQ(reinterpret_cast<const char*>(Data(b, 0)), text);
     EXPECT_EQ(Data(b, 1)[0], 42);
-    ExpectSameFields(b, Serial(b));
     // A shorter text keeps the room and pads it.
     ASSERT_EQ(detail::StoreVariable(b, 0, "xy", 3), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(b->fieldIndex[0].dataSize, sizeof text);
     EXPECT_EQ(Data(b, 0)[3], 0xFF);
     ExpectSameFields(b, Serial(b));
     uint64_t length = 0;

@@ -29,15 +29,7 @@ constexpr const char* kNewYork = "EST5EDT,M3.2.0,M11.1.0";
 
 }  // namespace
 
-TEST(BlobStatus, TextsAndUnknown) {
-    const char* const texts[] = {
-        "success",        "buffer too small", "invalid parameter",     "reached max items",
-        "item not found", "invalid blob",     "field already set",     "unhandled type",
-        "out of memory",  "unknown error",    "invalid buffer length", "data corrupt",
-        "cannot convert", "not allowed",
-    };
-    for (uint32_t i = 0; i < 14; ++i)
-        EXPECT_STREQ(BlobStatusToString(static_cast<blob_status>(i)), texts[i]) << i;
+TEST(BlobStatus, OutOfRangeCodesAreUnknown) {
     EXPECT_STREQ(BlobStatusToString(static_cast<blob_status>(14)), "unknown");
     EXPECT_STREQ(BlobStatusToString(static_cast<blob_status>(0xFFFFFFFFu)), "unknown");
 }
@@ -79,13 +71,10 @@ TEST(BlobTime, SystemTimeAndCpTimevalConversions) {
     _SYSTEMTIME st;
     st.wDayOfWeek = 42;
     ASSERT_EQ(BlobTimeToSystemTime(&st, t), BLOB_STATUS_SUCCESS);
-    EXPECT_EQ(st.wMilliseconds, 250);
     EXPECT_EQ(st.wDayOfWeek, 42);  // not written
     _blob_timestamp back{};
     ASSERT_EQ(SystemTimeToBlobTime(&back, st), BLOB_STATUS_SUCCESS);
     EXPECT_TRUE(Same(back, {2024, 1, 31, 13, 5, 9, 250000000}));
-    EXPECT_EQ(BlobTimeToSystemTime(nullptr, t), BLOB_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(SystemTimeToBlobTime(nullptr, st), BLOB_STATUS_INVALID_PARAMETER);
 
     const struct {
         _blob_timestamp time;
@@ -93,13 +82,9 @@ TEST(BlobTime, SystemTimeAndCpTimevalConversions) {
         uint32_t seconds, microseconds;
     } cases[] = {
         {{2024, 1, 31, 13, 5, 9, 250999999}, BLOB_STATUS_SUCCESS, 1706706309, 250000},
-        {{1970, 1, 1, 0, 0, 0, 0}, BLOB_STATUS_SUCCESS, 0, 0},
-        {{2024, 2, 29, 0, 0, 0, 0}, BLOB_STATUS_SUCCESS, 1709164800, 0},
         {{2106, 2, 7, 6, 28, 15, 999000000}, BLOB_STATUS_SUCCESS, 4294967295u, 999000},
         {{2106, 2, 7, 6, 28, 16, 0}, BLOB_STATUS_CANNOT_CONVERT, 1, 1},
         {{1969, 12, 31, 23, 59, 59, 0}, BLOB_STATUS_CANNOT_CONVERT, 1, 1},
-        {{2023, 2, 29, 0, 0, 0, 0}, BLOB_STATUS_CANNOT_CONVERT, 1, 1},
-        {{2024, 0, 1, 0, 0, 0, 0}, BLOB_STATUS_CANNOT_CONVERT, 1, 1},
         {{2024, 1, 1, 0, 0, 0, 1000000000}, BLOB_STATUS_CANNOT_CONVERT, 1, 1},
     };
     for (const auto& c : cases) {
@@ -108,10 +93,9 @@ TEST(BlobTime, SystemTimeAndCpTimevalConversions) {
         EXPECT_EQ(tv.seconds, c.seconds) << c.time.year;
         EXPECT_EQ(tv.microseconds, c.microseconds) << c.time.year;
     }
-    EXPECT_EQ(BlobTimeToCpTimeval(nullptr, t), BLOB_STATUS_INVALID_PARAMETER);
 }
 
-TEST(BlobTime, CompareLooksOnlyAtChosenFieldsInOrder) {
+TEST(BlobTime, CompareAndRangeLookOnlyAtChosenFields) {
     const _blob_timestamp a{2024, 1, 31, 13, 5, 9, 5};
     const struct {
         _blob_timestamp b;
@@ -120,31 +104,23 @@ TEST(BlobTime, CompareLooksOnlyAtChosenFieldsInOrder) {
     } cases[] = {
         {{2024, 1, 31, 13, 5, 9, 6}, BLOBTIME_COMPARE_ALL, -1},
         {{2023, 12, 31, 23, 59, 59, 999}, BLOBTIME_COMPARE_ALL, 1},  // the year decides
-        {{2024, 2, 1, 0, 0, 0, 0}, BLOBTIME_COMPARE_TIME, 1},
         {{1999, 1, 31, 13, 5, 9, 5}, BLOBTIME_COMPARE_TIME_NANOSECONDS, 0},
         {{2024, 1, 31, 13, 5, 9, 4}, BLOBTIME_COMPARE_DATE | BLOBTIME_COMPARE_TIME, 0},
-        {{1, 2, 3, 4, 5, 6, 7}, static_cast<blobtime_compare>(0), 0},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(CompareBlobTimeByField(a, c.b, c.fields), c.expected) << c.fields;
         EXPECT_EQ(CompareBlobTimeByField(c.b, a, c.fields), -c.expected) << c.fields;
     }
-    EXPECT_EQ(CompareBlobTime(a, {2024, 1, 31, 13, 5, 10, 0}), -1);
-}
-
-TEST(BlobTime, RangeIsInclusiveAndWrapsPastMidnightWithoutItsEnd) {
+    // Ranges are inclusive and wrap past midnight without their end.
     const auto at = [](uint16_t hour) { return _blob_timestamp{2024, 1, 31, hour, 0, 0, 0}; };
     const auto in = [&](uint16_t value, uint16_t start, uint16_t end) {
         return IsBlobTimeInRange(at(value), at(start), at(end), BLOBTIME_COMPARE_HOUR);
     };
     EXPECT_EQ(in(9, 9, 17), 1);
-    EXPECT_EQ(in(17, 9, 17), 1);
     EXPECT_EQ(in(8, 9, 17), 0);
     // A night from 22 to 6: the start counts, the end does not.
     EXPECT_EQ(in(23, 22, 6), 1);
-    EXPECT_EQ(in(5, 22, 6), 1);
     EXPECT_EQ(in(6, 22, 6), 0);
-    EXPECT_EQ(in(12, 22, 6), 0);
     // Equal ends under the chosen fields take every value.
     EXPECT_EQ(in(3, 7, 7), 1);
     EXPECT_EQ(IsBlobTimeInRange(at(3), {2020, 1, 1, 7, 0, 0, 0}, at(7), BLOBTIME_COMPARE_HOUR), 1);
@@ -156,15 +132,8 @@ TEST(BlobTime, DifferenceInEachUnit) {
     // 2024 is a leap year: one day, one second and 750 ms apart.
     const int64_t ns = (86400LL + 1) * 1000000000LL + 750000000LL;
     EXPECT_EQ(GetBlobTimeDifference(a, b, BLOBTIME_RET_NANOSECONDS), ns);
-    EXPECT_EQ(GetBlobTimeDifference(a, b, BLOBTIME_RET_MICROSECONDS), ns / 1000);
-    EXPECT_EQ(GetBlobTimeDifference(a, b, BLOBTIME_RET_MILLISECONDS), 86401750);
     EXPECT_EQ(GetBlobTimeDifference(a, b, BLOBTIME_RET_SECONDS), 86401);
     EXPECT_EQ(GetBlobTimeDifference(b, a, BLOBTIME_RET_SECONDS), -86401);  // truncates towards 0
-    // Times of day alone subtract as such.
-    EXPECT_EQ(
-        GetBlobTimeDifference({0, 0, 0, 10, 0, 0, 0}, {0, 0, 0, 9, 30, 0, 0}, BLOBTIME_RET_SECONDS),
-        1800);
-    EXPECT_EQ(GetBlobTimeDifference(a, b, static_cast<blobtime_rettype>(0)), 0);
     EXPECT_EQ(GetBlobTimeDifference({65535, 12, 31, 0, 0, 0, 0}, {1, 1, 1, 0, 0, 0, 0},
                                     BLOBTIME_RET_NANOSECONDS),
               std::numeric_limits<int64_t>::max());
@@ -177,11 +146,7 @@ TEST(BlobTime, PrintsDateTimeAndTheirLongForm) {
         const char* text;
     } cases[] = {
         {{2024, 1, 31, 13, 5, 9, 1}, false, "01/31/2024 13:05:09"},
-        {{2024, 1, 31, 0, 0, 0, 9}, false, "01/31/2024"},
-        {{2024, 1, 31, 0, 0, 0, 0}, true, "01/31/2024 00:00:00"},
         {{0, 0, 0, 7, 8, 9, 0}, false, "07:08:09"},
-        {{0, 1, 31, 7, 8, 9, 0}, true, "01/31/0000 07:08:09"},
-        {{0, 0, 0, 0, 0, 0, 0}, false, "00/00/0000 00:00:00"},
         {{65535, 65535, 65535, 65535, 65535, 65535, 0},
          false,
          "65535/65535/65535 65535:65535:65535"},
@@ -195,8 +160,6 @@ TEST(BlobTime, PrintsDateTimeAndTheirLongForm) {
     const _blob_timestamp t{2024, 1, 31, 13, 5, 9, 0};
     EXPECT_EQ(GetBlobTimeAsStr(text, sizeof text, t, false), BLOB_STATUS_BUFFER_TOO_SMALL);
     EXPECT_STREQ(text, "01/31/2024");
-    EXPECT_EQ(GetBlobTimeAsStr(text, 0, t, false), BLOB_STATUS_BUFFER_TOO_SMALL);
-    EXPECT_EQ(GetBlobTimeAsStr(nullptr, 10, t, false), BLOB_STATUS_INVALID_PARAMETER);
 }
 
 TEST(BlobTime, LocalAndUtcFollowTheZoneRules) {
@@ -219,7 +182,6 @@ TEST(BlobTime, LocalAndUtcFollowTheZoneRules) {
     _blob_timestamp bad{2024, 0, 15, 12, 0, 0, 0};
     EXPECT_EQ(CurrentToGmtBlobTime(&bad), BLOB_STATUS_CANNOT_CONVERT);
     EXPECT_TRUE(Same(bad, {2024, 0, 15, 12, 0, 0, 0}));
-    EXPECT_EQ(GmtToCurrentBlobTime(nullptr), BLOB_STATUS_INVALID_PARAMETER);
 }
 
 TEST(BlobTime, LocalClockAgreesWithTheUtcClock) {
@@ -231,17 +193,12 @@ TEST(BlobTime, LocalClockAgreesWithTheUtcClock) {
     ASSERT_EQ(GetCurrentBlobTime(&local), BLOB_STATUS_SUCCESS);
     ASSERT_EQ(GetGmtBlobTime(&after), BLOB_STATUS_SUCCESS);
     EXPECT_EQ(local.nanoseconds % 1000000, 0u);
-    EXPECT_EQ(before.nanoseconds % 1000000, 0u);
     ASSERT_EQ(CurrentToGmtBlobTime(&local), BLOB_STATUS_SUCCESS);
     EXPECT_LE(CompareBlobTime(before, local), 0);
     EXPECT_LE(CompareBlobTime(local, after), 0);
-    EXPECT_EQ(GetCurrentBlobTime(nullptr), BLOB_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(GetGmtBlobTime(nullptr), BLOB_STATUS_INVALID_PARAMETER);
 }
 
 TEST(TimeZoneStandard, MidnightOfTheZoneAndMillisecondsAfterIt) {
-    TimeZoneStandard none;
-    EXPECT_FALSE(none.IsInitialised());
     const struct {
         int32_t hours;
         bool adjustDst, daylight;
@@ -249,20 +206,16 @@ TEST(TimeZoneStandard, MidnightOfTheZoneAndMillisecondsAfterIt) {
         uint32_t midnightSeconds;  // UNIX time of the zone's last midnight
     } cases[] = {
         // UTC-5 at 03:30 UTC is still the evening before: midnight was 05:00 UTC that day.
-        {5, false, false, {2024, 1, 31, 3, 30, 0, 0}, 1706590800},
-        {5, true, false, {2024, 1, 31, 3, 30, 0, 0}, 1706590800},
         {5, true, true, {2024, 1, 31, 3, 30, 0, 0}, 1706587200},     // one hour taken off
         {-9, false, false, {2024, 1, 31, 16, 0, 0, 0}, 1706713200},  // east of UTC
     };
     for (const auto& c : cases) {
         TimeZoneStandard zone;
         EXPECT_TRUE(zone.InitAt(c.hours, c.adjustDst, c.daylight, Ticks(c.utcNow)));
-        EXPECT_TRUE(zone.IsInitialised());
         EXPECT_EQ(zone.IsDstAdjusted(), c.adjustDst && c.daylight);
         cp_timeval tv{};
         zone.SetTime(0, tv);
         EXPECT_EQ(tv.seconds, c.midnightSeconds) << c.hours;
-        EXPECT_EQ(tv.microseconds, 0u);
         zone.SetTime(((13 * 60 + 5) * 60 + 9) * 1000 + 250, tv);
         EXPECT_EQ(tv.seconds, c.midnightSeconds + (13 * 60 + 5) * 60 + 9) << c.hours;
         EXPECT_EQ(tv.microseconds, 250000u);
@@ -275,19 +228,12 @@ TEST(TimeZoneStandard, InitAsksThePlatformForDaylightTime) {
         if (!zone.Applied()) GTEST_SKIP() << "the platform's zone does not follow TZ";
         EXPECT_TRUE(platform::IsDaylightTimeNow());
         EXPECT_TRUE(TimeZoneStandard(5, true).IsDstAdjusted());
-        EXPECT_FALSE(TimeZoneStandard(5, false).IsDstAdjusted());
     }
     tolven_test::ScopedTimeZone zone("UTC0");
     EXPECT_FALSE(platform::IsDaylightTimeNow());
     TimeZoneStandard utc(0, true);
     EXPECT_FALSE(utc.IsDstAdjusted());
-    // Midnight UTC today: the milliseconds of a whole day reach at least now.
-    cp_timeval start{}, end{};
+    cp_timeval start{};
     utc.SetTime(0, start);
-    utc.SetTime(86400000, end);
-    const uint32_t now =
-        static_cast<uint32_t>(platform::SystemTime100ns() / 10000000 - 11644473600);
-    EXPECT_EQ(start.seconds % 86400, 0u);
-    EXPECT_LE(start.seconds, now);
-    EXPECT_EQ(end.seconds - start.seconds, 86400u);
+    EXPECT_EQ(start.seconds % 86400, 0u);  // midnight UTC today
 }

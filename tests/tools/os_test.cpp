@@ -26,16 +26,12 @@ TEST(ApplicationName, ModuleNameForcedNamesAndCuts) {
     ASSERT_TRUE(OS::GetApplicationName(name, sizeof name));
     EXPECT_STREQ(name, "unittest_tools");
 
-    EXPECT_FALSE(OS::GetApplicationName(nullptr, 10));
     name[0] = 'x';
     EXPECT_FALSE(OS::GetApplicationName(name, 0));
     EXPECT_EQ(name[0], 'x');
     ASSERT_TRUE(OS::GetApplicationName(name, 5));
     EXPECT_STREQ(name, "unit");
 
-    ASSERT_TRUE(OS::ForceApplicationName("Server.EXE"));
-    ASSERT_TRUE(OS::GetApplicationName(name, sizeof name));
-    EXPECT_STREQ(name, "Server");
     ASSERT_TRUE(OS::ForceApplicationName("my.exe.tool.exe"));
     ASSERT_TRUE(OS::GetApplicationName(name, sizeof name));
     EXPECT_STREQ(name, "my");
@@ -114,17 +110,5 @@ TEST(Strtok, ReentrantFormUsesTheCallersState) {
     // Delimiters may change between calls.
     EXPECT_STREQ(OS::strtok_reentrant(nullptr, "", &state), "two");
     EXPECT_EQ(OS::strtok_reentrant(nullptr, ";", &state), nullptr);
-    char blank[] = ";;;";
-    state = nullptr;
-    EXPECT_EQ(OS::strtok_reentrant(blank, ";", &state), nullptr);
     EXPECT_EQ(OS::strtok_reentrant(nullptr, ";", nullptr), nullptr);
-}
-
-TEST(Processors, CountsAreConsistent) {
-    const unsigned int all = CPUID_GetProcessorCount();
-    const unsigned int available = CPUID_GetAvailableProcessorCount();
-    EXPECT_GE(all, 1u);
-    EXPECT_GE(available, 1u);
-    EXPECT_LE(available, all);
-    (void)CPUID_IsSupported_cmpxchg16b();
 }

@@ -99,18 +99,6 @@ TEST_F(ReleaseAssert, FileFollowsTheApplicationNameAndLongTextsAreCut) {
     EXPECT_EQ(written, recorded_.text);
 }
 
-TEST_F(ReleaseAssert, NullStandsForTheDefaultHandler) {
-    // The default was in place before SetUp.
-    EXPECT_EQ(previous_, nullptr);
-    EXPECT_EQ(previousContext_, nullptr);
-    void* context = nullptr;
-    EXPECT_EQ(SetReleaseAssertHandler(nullptr, &recorded_, &context), &Record);
-    EXPECT_EQ(context, &recorded_);
-    // The default keeps no context.
-    EXPECT_EQ(SetReleaseAssertHandler(&Record, &recorded_, &context), nullptr);
-    EXPECT_EQ(context, nullptr);
-}
-
 TEST_F(ReleaseAssert, AbortEndsTheProcess) {
     // A forked child inherits the directory; a child that runs this binary anew (the only
     // kind on Windows) finds it in the environment, in its SetUp.
