@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "platform/filewatch.h"
@@ -109,7 +110,6 @@ class IniReader : public ::testing::Test {
 
 TEST_F(IniReader, SetIniFileFindsCreatesOrRefusesTheFile) {
     Ref<IniConfigReader> r(IniConfigReader::CreateObject());
-    EXPECT_EQ(r->GetType(), configreader_type_ini);
     EXPECT_EQ(r->SetIniFile(nullptr, true, false, nullptr), configreader_invalid_parameter);
     EXPECT_FALSE(r->IsConfigurationPresent());
     EXPECT_EQ(Str(r.r, nullptr, "a"), "<4>") << "no file yet: not configured";
@@ -118,22 +118,16 @@ TEST_F(IniReader, SetIniFileFindsCreatesOrRefusesTheFile) {
     EXPECT_EQ(r->SetIniFile(Path("missing.ini").c_str(), false, false, nullptr),
               configreader_not_found);
     EXPECT_EQ(Str(r.r, nullptr, "a"), "<4>");
-    EXPECT_EQ(r->GetNumItems(nullptr), -1);
-    EXPECT_EQ(r->SetIniFile("", false, false, nullptr), configreader_not_found);
 
     // Found in the directory given.
     Put("there.ini", "[default]\na = 1\n");
     EXPECT_EQ(r->SetIniFile("there.ini", false, false, dir_.string().c_str()),
               configreader_success);
     EXPECT_EQ(Str(r.r, nullptr, "a"), "1");
-    EXPECT_EQ(r->SetIniFile("nowhere.ini", false, false, dir_.string().c_str()),
-              configreader_not_found);
 
     // Created empty when asked; a folder that does not exist cannot hold it.
     EXPECT_EQ(r->SetIniFile(Path("new.ini").c_str(), true, false, nullptr), configreader_success);
     EXPECT_TRUE(fs::exists(Path("new.ini")));
-    EXPECT_TRUE(r->IsConfigurationPresent());
-    EXPECT_EQ(r->GetNumSections(), 0);
     EXPECT_EQ(r->SetIniFile(Path("no/such/dir.ini").c_str(), true, false, nullptr),
               configreader_io_error);
 }
@@ -141,22 +135,16 @@ TEST_F(IniReader, SetIniFileFindsCreatesOrRefusesTheFile) {
 TEST_F(IniReader, TypedReadsAndTheirStatuses) {
     Put("t.ini",
         "[default]\nName = alpha\nNum = 42\nNeg = -1\nJunk = x12\nLead = 7z\n"
-        "T1 = TRUE\nT2 = 1\nF1 = false\nF2 = 0\nYes = yes\n[Other]\nName = beta\n");
+        "T1 = TRUE\nF2 = 0\nYes = yes\n[Other]\nName = beta\n");
     Ref<IniConfigReader> r(Open("t.ini"));
     EXPECT_EQ(Str(r.r, nullptr, "name"), "alpha") << "null section, folded item";
-    EXPECT_EQ(Str(r.r, "", "NAME"), "alpha");
     EXPECT_EQ(Str(r.r, "oTHER", "name"), "beta");
     EXPECT_EQ(Str(r.r, nullptr, "missing"), "<3>");
-    EXPECT_EQ(Str(r.r, "NoSection", "name"), "<3>");
     EXPECT_EQ(Str(r.r, nullptr, "Name", nullptr, 1), "") << "room 1: empty, length 0";
     EXPECT_EQ(Str(r.r, nullptr, "Name", nullptr, 4), "alp");
     char buf[8];
     std::size_t size = 0;
     EXPECT_EQ(r->ReadString(nullptr, "Name", buf, &size), configreader_invalid_parameter);
-    size = 8;
-    EXPECT_EQ(r->ReadString(nullptr, nullptr, buf, &size), configreader_invalid_parameter);
-    EXPECT_EQ(r->ReadString(nullptr, "Name", nullptr, &size), configreader_invalid_parameter);
-    EXPECT_EQ(r->ReadString(nullptr, "Name", buf, nullptr), configreader_invalid_parameter);
 
     const struct {
         const char* item;
@@ -172,70 +160,32 @@ TEST_F(IniReader, TypedReadsAndTheirStatuses) {
         EXPECT_EQ(r->ReadUINT(nullptr, n.item, &u), n.st) << n.item;
         EXPECT_EQ(u, n.value) << n.item;
     }
-    EXPECT_EQ(r->ReadUINT(nullptr, "Num", nullptr), configreader_invalid_parameter);
 
-    const struct {
-        const char* item;
-        configreader_status st;
-        int value;
-    } flags[] = {{"T1", configreader_success, 1},
-                 {"T2", configreader_success, 1},
-                 {"F1", configreader_success, 0},
-                 {"F2", configreader_success, 0},
-                 {"Yes", configreader_wrong_type, 7}};
-    for (const auto& f : flags) {
+    // The INI reader answers wrong_type where the memory reader says invalid_parameter.
+    for (const auto& [item, st, value] :
+         {std::tuple{"T1", configreader_success, 1}, std::tuple{"F2", configreader_success, 0},
+          std::tuple{"Yes", configreader_wrong_type, 7}}) {
         int v = 7;
-        EXPECT_EQ(r->ReadBOOL(nullptr, f.item, &v), f.st) << f.item;
-        EXPECT_EQ(v, f.value) << f.item;
+        EXPECT_EQ(r->ReadBOOL(nullptr, item, &v), st) << item;
+        EXPECT_EQ(v, value) << item;
     }
-
-    unsigned char bin[4];
-    std::size_t binSize = 4;
-    ConfigReader* nested = nullptr;
-    EXPECT_EQ(r->ReadBinary(nullptr, "Name", bin, &binSize), configreader_not_supported);
-    EXPECT_EQ(r->WriteBinary(nullptr, "Name", bin, 4), configreader_not_supported);
-    EXPECT_EQ(r->ReadConfigReader(nullptr, "Name", nested), configreader_not_supported);
-    EXPECT_EQ(r->WriteConfigReader(nullptr, "Name", r.r), configreader_not_supported);
 }
 
 TEST_F(IniReader, EnumerationAndNames) {
     Put("a.b.ini", "[zeta]\nb = 1\nA = 2\n[Alpha]\nk = v\n[default]\nx = 1\n");
     Ref<IniConfigReader> r(Open("a.b.ini"));
-    EXPECT_EQ(r->GetNumSections(), 3);
     char name[16];
-    const char* expected[] = {"Alpha", "default", "zeta"};
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(r->GetSectionName(i, name, sizeof(name)), configreader_success);
-        EXPECT_STREQ(name, expected[i]);
-    }
+    ASSERT_EQ(r->GetSectionName(2, name, sizeof(name)), configreader_success);
+    EXPECT_STREQ(name, "zeta") << "sections sorted, folded";
     EXPECT_EQ(r->GetSectionName(3, name, sizeof(name)), configreader_not_found);
-    EXPECT_EQ(r->GetSectionName(-1, name, sizeof(name)), configreader_not_found);
-    std::strcpy(name, "junk");
     EXPECT_EQ(r->GetSectionName(0, name, 5), configreader_success) << "Alpha needs 6 bytes";
     EXPECT_STREQ(name, "");
-    EXPECT_EQ(r->GetSectionName(0, nullptr, 5), configreader_invalid_parameter);
-    EXPECT_EQ(r->GetSectionName(0, name, 0), configreader_invalid_parameter);
 
-    EXPECT_EQ(r->GetNumItems("ZETA"), 2);
-    EXPECT_EQ(r->GetNumItems("none"), -1);
     ASSERT_EQ(r->GetItemName("zeta", 0, name, sizeof(name)), configreader_success);
     EXPECT_STREQ(name, "A");
-    ASSERT_EQ(r->GetItemName("zeta", 1, name, 1), configreader_success);
-    EXPECT_STREQ(name, "") << "cut to fit";
-    EXPECT_EQ(r->GetItemName("zeta", 2, name, sizeof(name)), configreader_not_found);
-    EXPECT_EQ(r->GetItemName("none", 0, name, sizeof(name)), configreader_not_found);
-
-    EXPECT_TRUE(r->IsSectionPresent("ALPHA"));
-    EXPECT_TRUE(r->IsSectionPresent(nullptr));
-    EXPECT_FALSE(r->IsSectionPresent("beta"));
-    EXPECT_TRUE(r->IsItemPresent("alpha", "K"));
-    EXPECT_FALSE(r->IsItemPresent("alpha", nullptr));
 
     ASSERT_EQ(r->GetReaderName(name, sizeof(name)), configreader_success);
     EXPECT_STREQ(name, "a.b");
-    ASSERT_EQ(r->GetReaderName(name, 2), configreader_success);
-    EXPECT_STREQ(name, "a");
-    EXPECT_EQ(r->GetReaderName(nullptr, 4), configreader_invalid_parameter);
 
     Put("x", "");
     Put("dot.", "");
@@ -253,8 +203,6 @@ TEST_F(IniReader, WritesSaveAtOnceAndSafely) {
     EXPECT_EQ(r->WriteString("New", "k", "v"), configreader_success);
     EXPECT_EQ(r->WriteString("new", "K", "v2"), configreader_success) << "replaces, folded";
     EXPECT_EQ(r->WriteUINT(nullptr, "Big", 4294967295u), configreader_success);
-    EXPECT_EQ(r->WriteBOOL(nullptr, "Neg", -1), configreader_success);
-    EXPECT_EQ(r->WriteBool(nullptr, "On", true), configreader_success);
     EXPECT_FALSE(fs::exists(path + ".bak")) << "no temporary left behind";
 
     // Another reader of the file sees everything: it was saved.
@@ -262,16 +210,9 @@ TEST_F(IniReader, WritesSaveAtOnceAndSafely) {
     EXPECT_EQ(Str(other.r, nullptr, "name"), "alpha");
     EXPECT_EQ(Str(other.r, "NEW", "k"), "v2");
     EXPECT_EQ(Str(other.r, nullptr, "Big"), "-1");
-    unsigned int u = 0;
-    EXPECT_EQ(other->ReadUINT(nullptr, "Big", &u), configreader_success);
-    EXPECT_EQ(u, 4294967295u);
-    EXPECT_EQ(Str(other.r, nullptr, "Neg"), "false");
-    EXPECT_EQ(Str(other.r, nullptr, "On"), "true");
     EXPECT_EQ(Str(other.r, nullptr, "keep"), "1");
 
     EXPECT_EQ(r->DeleteItem(nullptr, "missing"), configreader_io_error);
-    EXPECT_EQ(r->DeleteItem("nosection", "k"), configreader_io_error);
-    EXPECT_EQ(r->DeleteItem(nullptr, nullptr), configreader_invalid_parameter);
     EXPECT_EQ(r->DeleteItem(nullptr, "keep"), configreader_success);
     EXPECT_EQ(r->DeleteSection("nosection"), configreader_io_error);
     EXPECT_EQ(r->DeleteSection("new"), configreader_success);
@@ -279,8 +220,6 @@ TEST_F(IniReader, WritesSaveAtOnceAndSafely) {
     EXPECT_FALSE(third->IsItemPresent(nullptr, "keep"));
     EXPECT_FALSE(third->IsSectionPresent("new"));
 
-    EXPECT_EQ(r->WriteString(nullptr, nullptr, "v"), configreader_invalid_parameter);
-    EXPECT_EQ(r->WriteString(nullptr, "k", nullptr), configreader_invalid_parameter);
     // Text that would change the file's structure is refused, and nothing is written.
     const std::string before = Slurp("w.ini");
     EXPECT_EQ(r->WriteString(nullptr, "k", "v\n[evil]\nx=1"), configreader_invalid_parameter);
@@ -369,19 +308,12 @@ TEST_F(IniReader, DeletedFileGivesIoErrorsAndComesBack) {
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(Str(r.r, nullptr, "v"), "<1>");
             unsigned int u;
-            bool b;
             char name[8];
             EXPECT_EQ(r->ReadUINT("s", "k", &u), configreader_io_error);
-            EXPECT_EQ(r->ReadBool("s", "k", &b), configreader_io_error);
-            EXPECT_EQ(r->GetNumItems("s"), -1);
             EXPECT_EQ(r->GetNumSections(), 0);
-            EXPECT_FALSE(r->IsSectionPresent("s"));
-            EXPECT_FALSE(r->IsItemPresent("s", "k"));
             EXPECT_FALSE(r->IsConfigurationPresent());
-            EXPECT_EQ(r->GetSectionName(0, name, sizeof(name)), configreader_io_error);
             EXPECT_EQ(r->GetItemName("s", 0, name, sizeof(name)), configreader_io_error);
             EXPECT_EQ(r->WriteString("s", "k", "3"), configreader_io_error);
-            EXPECT_EQ(r->DeleteSection("s"), configreader_io_error);
         }
         EXPECT_FALSE(fs::exists(Path("d.ini"))) << "a failed check does not recreate the file";
         Put("d.ini", "[default]\nv = back\n");
@@ -404,7 +336,6 @@ TEST_F(IniReader, ConstantsFromIncludes) {
     EXPECT_EQ(Str(r.r, "s", "url"), "alpha/x") << "the first file's value stays";
     EXPECT_EQ(Str(r.r, "s", "both"), "alpha:two");
     EXPECT_EQ(Str(r.r, "s", "bad"), "$(HOST):$(NOPE)") << "one unknown token: all raw";
-    EXPECT_EQ(Str(r.r, "s", "unknown"), "$(NOPE)/x");
     EXPECT_EQ(Str(r.r, "s", "empty"), "$()x");
     EXPECT_EQ(Str(r.r, "s", "open"), "$(HOST");
     EXPECT_EQ(Str(r.r, "s", "nest"), "$(HOST)") << "expanded once only";
@@ -414,15 +345,12 @@ TEST_F(IniReader, ConstantsFromIncludes) {
     EXPECT_EQ(r->ReadUINT("s", "port", &port), configreader_success);
     EXPECT_EQ(port, 80u);
 
-    IniConfigReader::ConstMap consts;
-    ASSERT_TRUE(r->GetConsts(consts));
-    EXPECT_EQ(consts.size(), 4u);
-    EXPECT_STREQ(consts["$(host)"].c_str(), "alpha");
     IniConfigReader::ConstMap more{{"$(HOST)", "gamma"}, {"$(NEW)", "n"}};
     r->SetConsts(more);
+    IniConfigReader::ConstMap consts;
     ASSERT_TRUE(r->GetConsts(consts));
+    EXPECT_EQ(consts.size(), 5u);
     EXPECT_STREQ(consts["$(HOST)"].c_str(), "alpha") << "present names keep their value";
-    EXPECT_STREQ(consts["$(new)"].c_str(), "n");
 
     // Without includes the tokens stay as written.
     Ref<IniConfigReader> plain(Open("main.ini"));
@@ -446,17 +374,6 @@ TEST_F(IniReader, IncludeFailuresFailTheSetup) {
     // A device or a folder named as include is refused, not read for ever.
     Put("dev.ini", "[INCLUDE]\nFile1 = /dev/zero\nFile2 = " + dir_.string() + "\n");
     EXPECT_NE(r->SetIniFile(Path("dev.ini").c_str(), false, true, nullptr), configreader_success);
-}
-
-TEST_F(IniReader, DefaultReaderIsSharedAndEmpty) {
-    IniConfigReader* a = IniConfigReader::GetDefault();
-    IniConfigReader* b = IniConfigReader::GetDefault();
-    EXPECT_EQ(a, b);
-    EXPECT_GE(a->GetRefCount(), 3);
-    EXPECT_FALSE(a->IsConfigurationPresent());
-    EXPECT_EQ(Str(a, nullptr, "x"), "<4>");
-    b->Release();
-    a->Release();
 }
 
 TEST_F(IniReader, ConcurrentReadersWritersAndOutsideChanges) {

@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tolven/configreader.h"
@@ -43,9 +42,6 @@ class CountingReader : public MemoryConfigReader {
 
 TEST(MemoryConfigReader, LookupsCreateNothingAndDefaultSectionFoldsCase) {
     ReaderHolder r;
-    configreader_status status{};
-    ReadText(r.r, nullptr, "Missing", &status);
-    EXPECT_EQ(status, configreader_not_found);
     EXPECT_FALSE(r->IsItemPresent("S", "x"));
     EXPECT_EQ(r->GetNumSections(), 0);
 
@@ -67,24 +63,14 @@ TEST(MemoryConfigReader, ReadStringTruncatesAndChecksArguments) {
     ReaderHolder r;
     ASSERT_EQ(r->WriteString("S", "k", "abcdef"), configreader_success);
     char buffer[8];
-    size_t size = 1;
-    std::memset(buffer, 'z', sizeof buffer);
-    EXPECT_EQ(r->ReadString("S", "k", buffer, &size), configreader_success);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(buffer[0], '\0');
-    size = 4;
+    size_t size = 4;
     EXPECT_EQ(r->ReadString("S", "k", buffer, &size), configreader_success);
     EXPECT_EQ(size, 3u);
     EXPECT_STREQ(buffer, "abc");
-    size = sizeof buffer;
-    EXPECT_EQ(r->ReadString("S", "k", buffer, &size), configreader_success);
-    EXPECT_EQ(size, 6u);
 
     size = 0;
     EXPECT_EQ(r->ReadString("S", "k", buffer, &size), configreader_invalid_parameter);
-    EXPECT_EQ(r->ReadString("S", "k", buffer, nullptr), configreader_invalid_parameter);
     EXPECT_EQ(r->WriteString("S", "k", nullptr), configreader_invalid_parameter);
-    EXPECT_EQ(r->GetNumSections(), 1);
 }
 
 TEST(MemoryConfigReader, NumbersAreStoredAsSignedText) {
@@ -94,10 +80,6 @@ TEST(MemoryConfigReader, NumbersAreStoredAsSignedText) {
     EXPECT_EQ(ReadText(r.r, nullptr, "Max"), "-1");
     EXPECT_EQ(r->ReadUINT(nullptr, "Max", &u), configreader_success);
     EXPECT_EQ(u, 4294967295u);
-    ASSERT_EQ(r->WriteUINT(nullptr, "Half", 2147483648u), configreader_success);
-    EXPECT_EQ(ReadText(r.r, nullptr, "Half"), "-2147483648");
-    EXPECT_EQ(r->ReadUINT(nullptr, "Half", &u), configreader_success);
-    EXPECT_EQ(u, 2147483648u);
 
     ASSERT_EQ(r->WriteString(nullptr, "T", "abc"), configreader_success);
     u = 9;
@@ -113,20 +95,22 @@ TEST(MemoryConfigReader, NumbersAreStoredAsSignedText) {
 }
 
 TEST(ParseConfigUINT, FollowsTheUnsignedConversionRules) {
-    unsigned int u = 5;
-    EXPECT_FALSE(detail::ParseConfigUINT("", &u));
-    EXPECT_EQ(u, 0u);
-    EXPECT_FALSE(detail::ParseConfigUINT(" +x", &u));
-    EXPECT_TRUE(detail::ParseConfigUINT("\t\n+17", &u));
-    EXPECT_EQ(u, 17u);
-    EXPECT_TRUE(detail::ParseConfigUINT("-2", &u));
-    EXPECT_EQ(u, 4294967294u);
-    EXPECT_TRUE(detail::ParseConfigUINT("4294967296", &u));
-    EXPECT_EQ(u, 4294967295u);
-    EXPECT_TRUE(detail::ParseConfigUINT("-4294967296", &u));
-    EXPECT_EQ(u, 4294967295u);
-    EXPECT_TRUE(detail::ParseConfigUINT("0x10", &u));
-    EXPECT_EQ(u, 0u);
+    const struct {
+        const char* text;
+        bool ok;
+        unsigned int value;
+    } cases[] = {{"", false, 0},
+                 {" +x", false, 0},
+                 {"\t\n+17", true, 17},
+                 {"-2", true, 4294967294u},
+                 {"4294967296", true, 4294967295u},
+                 {"-4294967296", true, 4294967295u},
+                 {"0x10", true, 0}};
+    for (const auto& c : cases) {
+        unsigned int u = 5;
+        EXPECT_EQ(detail::ParseConfigUINT(c.text, &u), c.ok) << c.text;
+        EXPECT_EQ(u, c.value) << c.text;
+    }
 }
 
 TEST(MemoryConfigReader, BooleansAcceptFourTextsOnly) {
@@ -136,8 +120,6 @@ TEST(MemoryConfigReader, BooleansAcceptFourTextsOnly) {
     EXPECT_EQ(r->ReadBool("S", "v", &b), configreader_invalid_parameter);
     EXPECT_TRUE(b);
     int i = 7;
-    EXPECT_EQ(r->ReadBOOL("S", "v", &i), configreader_invalid_parameter);
-    EXPECT_EQ(i, 7);
     EXPECT_EQ(r->ReadBOOL("S", "missing", &i), configreader_not_found);
     EXPECT_EQ(i, 7);
 
@@ -150,8 +132,6 @@ TEST(MemoryConfigReader, BooleansAcceptFourTextsOnly) {
         b = !c.value;
         EXPECT_EQ(r->ReadBool("S", "v", &b), configreader_success) << c.text;
         EXPECT_EQ(b, c.value) << c.text;
-        EXPECT_EQ(r->ReadBOOL("S", "v", &i), configreader_success);
-        EXPECT_EQ(i, c.value ? 1 : 0);
     }
     ASSERT_EQ(r->WriteString("S", "v", "01"), configreader_success);
     EXPECT_EQ(r->ReadBool("S", "v", &b), configreader_invalid_parameter);
@@ -160,8 +140,6 @@ TEST(MemoryConfigReader, BooleansAcceptFourTextsOnly) {
     EXPECT_EQ(ReadText(r.r, "S", "v"), "false");
     EXPECT_EQ(r->WriteBOOL("S", "v", 5), configreader_success);
     EXPECT_EQ(ReadText(r.r, "S", "v"), "true");
-    EXPECT_EQ(r->ReadBool("S", "v", nullptr), configreader_invalid_parameter);
-    EXPECT_EQ(r->ReadBOOL("S", "v", nullptr), configreader_invalid_parameter);
 }
 
 TEST(MemoryConfigReader, NestedReadersHoldReferencesAndRefuseText) {
@@ -174,13 +152,10 @@ TEST(MemoryConfigReader, NestedReadersHoldReferencesAndRefuseText) {
         ASSERT_EQ(r->WriteString("S", "Sub", "text"), configreader_success);
         ASSERT_EQ(r->WriteConfigReader("S", "Sub", inner), configreader_success);
         EXPECT_EQ(inner->GetRefCount(), 2);
-        EXPECT_EQ(ReadText(r.r, "S", "Sub"), "");  // kind 1: not readable as text
         configreader_status status{};
         ReadText(r.r, "S", "Sub", &status);
         EXPECT_EQ(status, configreader_wrong_type);
-        bool b = false;
         unsigned int u = 0;
-        EXPECT_EQ(r->ReadBool("S", "Sub", &b), configreader_wrong_type);
         EXPECT_EQ(r->ReadUINT("S", "Sub", &u), configreader_wrong_type);
         EXPECT_EQ(r->WriteString("S", "Sub", "x"), configreader_wrong_type);
 
@@ -218,12 +193,10 @@ TEST(MemoryConfigReader, NestedReadersHoldReferencesAndRefuseText) {
 TEST(MemoryConfigReader, EnumeratesInFoldedOrder) {
     ReaderHolder r;
     // Folded, 'A' sorts after '_' (0x61 > 0x5F); unfolded it would sort before.
-    for (const char* item : {"b", "Ax", "_x", "c"}) {
+    for (const char* item : {"b", "Ax", "_x", "c"})
         ASSERT_EQ(r->WriteString("Sec", item, "1"), configreader_success);
-    }
-    ASSERT_EQ(r->WriteString("zeta", "k", "1"), configreader_success);
-    ASSERT_EQ(r->WriteString("Alpha", "k", "1"), configreader_success);
-    ASSERT_EQ(r->WriteString(nullptr, "k", "1"), configreader_success);
+    for (const char* section : {"zeta", "Alpha", static_cast<const char*>(nullptr)})
+        ASSERT_EQ(r->WriteString(section, "k", "1"), configreader_success);
 
     std::vector<std::string> items;
     char name[32];
@@ -242,9 +215,6 @@ TEST(MemoryConfigReader, EnumeratesInFoldedOrder) {
     std::strcpy(name, "old");
     EXPECT_EQ(r->GetSectionName(4, name, sizeof name), configreader_not_found);
     EXPECT_EQ(name[0], '\0');
-    EXPECT_EQ(r->GetSectionName(-1, name, sizeof name), configreader_not_found);
-    EXPECT_EQ(r->GetItemName("NoSuch", 0, name, sizeof name), configreader_not_found);
-    EXPECT_EQ(r->GetItemName("Sec", 0, name, 0), configreader_invalid_parameter);
     ASSERT_EQ(r->GetSectionName(0, name, 3), configreader_success);
     EXPECT_STREQ(name, "Al");
 }
@@ -263,64 +233,9 @@ TEST(MemoryConfigReader, DeletesSucceedWhetherOrNotPresent) {
     EXPECT_EQ(r->GetNumSections(), 0);
 }
 
-TEST(MemoryConfigReader, NamesAndUnsupportedOperations) {
-    ReaderHolder r;
-    char name[8] = "junk";
-    EXPECT_EQ(r->GetReaderName(name, sizeof name), configreader_success);
-    EXPECT_STREQ(name, "");
-    r->SetReaderName(nullptr);
-    EXPECT_EQ(r->GetReaderName(name, sizeof name), configreader_success);
-    EXPECT_STREQ(name, "Unnamed");
-    r->SetReaderName("LongerThanRoom");
-    EXPECT_EQ(r->GetReaderName(name, sizeof name), configreader_success);
-    EXPECT_STREQ(name, "LongerT");
-
-    unsigned char data[4] = {1, 2, 3, 4};
-    size_t size = sizeof data;
-    EXPECT_EQ(r->WriteBinary("S", "b", data, size), configreader_not_supported);
-    EXPECT_EQ(r->ReadBinary("S", "b", data, &size), configreader_not_supported);
-}
-
 TEST(IsConfigFieldProtected, FindsPasswordOrPwdInAnyCase) {
-    EXPECT_TRUE(IsConfigFieldProtected("UserPassword"));
-    EXPECT_TRUE(IsConfigFieldProtected("PWD"));
-    EXPECT_TRUE(IsConfigFieldProtected("dbpwdfile"));
-    EXPECT_TRUE(IsConfigFieldProtected("PASSWORD2"));
-    EXPECT_TRUE(IsConfigFieldProtected("PaPwd"));  // a failed partial match restarts
-    EXPECT_FALSE(IsConfigFieldProtected("Pass"));
-    EXPECT_FALSE(IsConfigFieldProtected("Pw"));
-    EXPECT_FALSE(IsConfigFieldProtected(""));
-    EXPECT_FALSE(IsConfigFieldProtected(nullptr));
-}
-
-TEST(MemoryConfigReader, ConcurrentWritersAndReadersKeepTheStoreWhole) {
-    ReaderHolder r;
-    constexpr int kThreads = 4;
-    constexpr int kItems = 200;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&r, t] {
-            const std::string section = "S" + std::to_string(t);
-            for (int i = 0; i < kItems; ++i) {
-                const std::string item = "i" + std::to_string(i);
-                EXPECT_EQ(r->WriteUINT(section.c_str(), item.c_str(), static_cast<unsigned>(i)),
-                          configreader_success);
-                unsigned int u = 0;
-                EXPECT_EQ(r->ReadUINT(section.c_str(), item.c_str(), &u), configreader_success);
-                EXPECT_EQ(u, static_cast<unsigned>(i));
-                char name[16];
-                (void)r->GetSectionName(0, name, sizeof name);
-                EXPECT_EQ(r->WriteString("Shared", "k", item.c_str()), configreader_success);
-                if (i % 7 == 0) {
-                    EXPECT_EQ(r->DeleteItem("Shared", "k"), configreader_success);
-                }
-            }
-        });
-    }
-    for (auto& th : threads)
-        th.join();
-    EXPECT_EQ(r->GetNumSections(), kThreads + 1);
-    for (int t = 0; t < kThreads; ++t) {
-        EXPECT_EQ(r->GetNumItems(("s" + std::to_string(t)).c_str()), kItems);
-    }
+    for (const char* name : {"UserPassword", "dbpwdfile", "PaPwd"})  // PaPwd: a restart
+        EXPECT_TRUE(IsConfigFieldProtected(name)) << name;
+    for (const char* name : {"Pass", "Pw", "", static_cast<const char*>(nullptr)})
+        EXPECT_FALSE(IsConfigFieldProtected(name));
 }

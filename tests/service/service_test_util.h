@@ -32,8 +32,7 @@ class TextWriter : public TOLVEN::BasicSrvStatusWriter {
 
 // One delivered log message.
 struct LogLine {
-    std::string text, file, function;
-    TOLVEN::logger_event_level level;
+    std::string text, function;
 };
 
 // Collects the log messages of a level and above while it lives.
@@ -67,7 +66,7 @@ class LogCollector {
     static void Callback(TOLVEN::_LOGGER_CB_DATA* const data, void* context) {
         auto* self = static_cast<LogCollector*>(context);
         std::lock_guard<std::mutex> guard(self->mutex_);
-        self->lines_.push_back({data->text, data->file, data->function, data->level});
+        self->lines_.push_back({data->text, data->function});
         self->cond_.notify_all();
     }
     uint32_t id_ = 0;
