@@ -19,7 +19,6 @@ struct SmallRing {
     explicit SmallRing(uint32_t capacity) { EXPECT_TRUE(ring.Create(capacity, capacity)); }
     uint8_t* Data() { return reinterpret_cast<uint8_t*>(ring.Control()) + LogRing::kControlBytes; }
     uint32_t W() { return ring.Control()->writeOffset.load(); }
-    uint32_t R() { return ring.Control()->readOffset.load(); }
 
     ring_status Write(const std::string& payload) {
         uint8_t* target = nullptr;
