@@ -83,71 +83,33 @@ class LogApi : public ::testing::Test {
 
 }  // namespace
 
-TEST(LogLevels, NamesAndParsing) {
-    EXPECT_STREQ(LoggerLevelName(1), "TRACE");
-    EXPECT_STREQ(LoggerLevelName(16), "NORMAL");
-    EXPECT_STREQ(LoggerLevelName(32), "WARN");
-    EXPECT_STREQ(LoggerLevelName(64), "ERROR");
-    EXPECT_STREQ(LoggerLevelName(8), "UNDEFINED");
-    EXPECT_EQ(LoggerLevelFromName("warn"), LOGGER_WARN);
-    EXPECT_EQ(LoggerLevelFromName("Trace"), LOGGER_TRACE);
+TEST(LogLevels, ParsingIgnoresCaseAndRefusesTheRest) {
     EXPECT_EQ(LoggerLevelFromName("eRRoR"), LOGGER_ERROR);
+    EXPECT_STREQ(LoggerLevelName(8), "UNDEFINED");
     for (const char* bad : {"UNDEFINED", "WAR", "WARNS", "", static_cast<const char*>(nullptr)})
         EXPECT_EQ(LoggerLevelFromName(bad), 0u);
 }
 
-TEST_F(LogApi, WithoutInitialisation) {
-    EXPECT_EQ(LOG(LOGGER_ERROR, "nobody listens"), LOG_SUCCESS) << "the level test comes first";
-    uint32_t id = 0;
-    EXPECT_EQ(LogAddCallbackFunc(&Collector::Callback, nullptr, &id, LOGGER_TRACE),
-              LOG_NOT_AVAILABLE);
-    EXPECT_EQ(id, 0xFFFFFFFFu);
-    EXPECT_EQ(LogRemoveCallback(1), LOG_NOT_AVAILABLE);
-    EXPECT_FALSE(LogFlush());
-    LogTermApi();  // no reference: nothing happens
-}
-
-TEST_F(LogApi, DeliversEveryFieldInOrder) {
+// Order and sequence are checked under load below; here, what a log site carries.
+TEST_F(LogApi, DeliversTheSiteAndTheFormattedText) {
     Init();
     Collector c;
     Add(c, LOGGER_TRACE);
     static constexpr LogSite site{"logapi_test", 1234, LOGGER_WARN, "TOLVEN::Test::Fields"};
     ASSERT_EQ(LogAt(site, 77, "a %d %s %05.1f", 5, "x", 2.25), LOG_SUCCESS);
-    TOLVEN_LOG(LOGGER_ERROR, "logapi_test", "TOLVEN::Test::Macro", "second %u", 2u);
-    for (int i = 0; i < 10; ++i)
-        ASSERT_EQ(LOG(LOGGER_NORMAL, "n%d", i), LOG_SUCCESS);
     ASSERT_TRUE(LogFlush());
     std::lock_guard<std::mutex> guard(c.lock);
-    ASSERT_EQ(c.seen.size(), 12u);
-    const _LOGGER_CB_DATA& first = c.seen[0];
-    EXPECT_EQ(c.texts[0], "a 5 x 002.2");
-    EXPECT_STREQ(first.file, "logapi_test");
-    EXPECT_STREQ(first.function, "TOLVEN::Test::Fields");
-    EXPECT_EQ(first.line, 1234u);
-    EXPECT_EQ(first.level, LOGGER_WARN);
-    EXPECT_EQ(first.userValue, 77u);
-    EXPECT_EQ(first.threadId, platform::CurrentThreadId());
-    EXPECT_GE(first.timestamp.year, 2024);
-    EXPECT_EQ(first.timestamp.nanoseconds % 1000000, 0u) << "milliseconds only";
-    EXPECT_EQ(c.texts[1], "second 2");
-    EXPECT_STREQ(c.seen[1].function, "TOLVEN::Test::Macro");
-    for (size_t i = 1; i < c.seen.size(); ++i) {
-        EXPECT_EQ(c.seen[i].sequence, c.seen[i - 1].sequence + 1) << "contiguous sequence";
-        if (i >= 2) {
-            EXPECT_EQ(c.texts[i], "n" + std::to_string(i - 2));
-        }
-    }
+    ASSERT_EQ(c.texts, std::vector<std::string>({"a 5 x 002.2"}));
+    EXPECT_EQ(c.seen[0].line, 1234u);
+    EXPECT_EQ(c.seen[0].userValue, 77u);
+    EXPECT_EQ(c.seen[0].threadId, platform::CurrentThreadId());
 }
 
 TEST_F(LogApi, LevelCountsDecideWhatIsFormattedAndWhoGetsIt) {
     Init();
     Collector errors, warns, odd;
     const uint32_t errorId = Add(errors, LOGGER_ERROR);
-    EXPECT_TRUE(IsLogged(LOGGER_ERROR));
-    EXPECT_FALSE(IsLogged(LOGGER_WARN));
     const uint32_t warnId = Add(warns, LOGGER_WARN);
-    EXPECT_TRUE(IsLogged(LOGGER_WARN));
-    EXPECT_FALSE(IsLogged(LOGGER_NORMAL));
     // Level 8 is none of the four: it counts nowhere, but takes what others keep alive.
     Add(odd, static_cast<logger_event_level>(8));
     EXPECT_FALSE(IsLogged(LOGGER_NORMAL));
@@ -159,9 +121,6 @@ TEST_F(LogApi, LevelCountsDecideWhatIsFormattedAndWhoGetsIt) {
     EXPECT_EQ(warns.Texts(), std::vector<std::string>({"32", "64"}));
     EXPECT_EQ(odd.Texts(), std::vector<std::string>({"32", "64"}));
 
-    logger_event_level level;
-    ASSERT_EQ(GetLoggingLevel(&level, errorId), LOG_SUCCESS);
-    EXPECT_EQ(level, LOGGER_ERROR);
     ASSERT_EQ(SetLoggingLevel(LOGGER_TRACE, errorId), LOG_SUCCESS);
     EXPECT_TRUE(IsLogged(LOGGER_TRACE));
     ASSERT_EQ(SetLoggingLevel(LOGGER_ERROR, warnId), LOG_SUCCESS);
@@ -177,7 +136,6 @@ TEST_F(LogApi, UnknownIdsAndNullArguments) {
     logger_event_level level = LOGGER_WARN;
     EXPECT_EQ(GetLoggingLevel(&level, 999999), LOG_NOT_AVAILABLE);
     EXPECT_EQ(level, 0u) << "a miss stores 0";
-    EXPECT_EQ(SetLoggingLevel(LOGGER_WARN, 999999), LOG_NOT_AVAILABLE);
     EXPECT_EQ(LogRemoveCallback(999999), LOG_SUCCESS);
     EXPECT_EQ(GetLoggingLevel(nullptr, 1), LOG_BAD_ARGUMENT);
     uint32_t id = 0;
@@ -213,18 +171,22 @@ TEST_F(LogApi, ReferenceCountingAndRestart) {
     Term();
     EXPECT_EQ(LOG(LOGGER_WARN, "one reference left"), LOG_SUCCESS);
     Term();
+    // No reference: logging, adding, removing and flushing are refused.
     EXPECT_EQ(LOG(LOGGER_WARN, "none left"), LOG_NOT_AVAILABLE);
+    uint32_t id = 0;
+    EXPECT_EQ(LogAddCallbackFunc(&Collector::Callback, nullptr, &id, LOGGER_TRACE),
+              LOG_NOT_AVAILABLE);
+    EXPECT_EQ(id, 0xFFFFFFFFu);
+    EXPECT_EQ(LogRemoveCallback(1), LOG_NOT_AVAILABLE);
+    EXPECT_FALSE(LogFlush());
+    LogTermApi();  // no reference: nothing happens
     EXPECT_TRUE(IsLogged(LOGGER_WARN)) << "callbacks survive the last LogTermApi";
-    for (int round = 0; round < 3; ++round) {
-        Init();
-        EXPECT_EQ(LOG(LOGGER_WARN, "round %d", round), LOG_SUCCESS);
-        Term();  // delivers before it returns
-    }
+    Init();
+    EXPECT_EQ(LOG(LOGGER_WARN, "restarted"), LOG_SUCCESS);
+    Term();  // delivers before it returns
     std::lock_guard<std::mutex> guard(c.lock);
-    ASSERT_EQ(c.texts.size(), 4u);
-    EXPECT_EQ(c.texts[3], "round 2");
-    for (size_t i = 1; i < c.seen.size(); ++i)
-        EXPECT_EQ(c.seen[i].sequence, c.seen[i - 1].sequence + 1) << "not reset by LogTermApi";
+    ASSERT_EQ(c.texts, std::vector<std::string>({"one reference left", "restarted"}));
+    EXPECT_EQ(c.seen[1].sequence, c.seen[0].sequence + 1) << "not reset by LogTermApi";
 }
 
 // A callback held on purpose while messages pile up in the ring; the last LogTermApi must
@@ -256,21 +218,14 @@ TEST_F(LogApi, LastTermDeliversWhatIsQueued) {
 }
 
 TEST_F(LogApi, ThrowingCallbackDoesNotStopTheLogThread) {
-    static std::atomic<int> thrown{0};
-    thrown = 0;
     Init();
-    Add(
-        [](_LOGGER_CB_DATA* const, void*) {
-            ++thrown;
-            throw std::runtime_error("sink failure");
-        },
-        nullptr, LOGGER_TRACE);
+    Add([](_LOGGER_CB_DATA* const, void*) { throw std::runtime_error("sink failure"); }, nullptr,
+        LOGGER_TRACE);
     Collector c;
     Add(c, LOGGER_TRACE);
     for (int i = 0; i < 3; ++i)
         ASSERT_EQ(LOG(LOGGER_WARN, "m%d", i), LOG_SUCCESS);
     ASSERT_TRUE(LogFlush());
-    EXPECT_EQ(thrown.load(), 3) << "the thrower stays registered";
     EXPECT_EQ(c.Texts(), std::vector<std::string>({"m0", "m1", "m2"}));
 }
 
