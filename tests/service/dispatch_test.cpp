@@ -255,3 +255,29 @@ TEST(DispatchRuns, UnregisteringWaitsForRunningCommands) {
     runner.join();
     EXPECT_EQ(c.commandAfter, "slow cmd");
 }
+TEST(DispatchRuns, ManyThreadsRunAndRegisterAtOnce) {
+    BasicSrv srv(QuietInfo());
+    std::atomic<int> runs{0};
+    auto count = [](_BASICSRV_COMMAND_INFO&, void* c) {
+        ++*static_cast<std::atomic<int>*>(c);
+        return basicsrv_success;
+    };
+    ASSERT_EQ(srv.RegisterCommand({"count it", "", "", &runs, count}), basicsrv_success);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 300; ++i)
+                (void)srv.ProcessCommand("count it now", nullptr, false, false, 0);
+        });
+    }
+    threads.emplace_back([&] {
+        for (int i = 0; i < 100; ++i) {
+            const std::string name = "temp " + std::to_string(i);
+            (void)srv.RegisterCommand({name.c_str(), "", "", &runs, count});
+            (void)srv.UnregisterCommand(name.c_str());
+        }
+    });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(runs.load(), 900);
+}

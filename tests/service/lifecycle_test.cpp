@@ -176,3 +176,31 @@ TEST(EventSinkWait, RemovalWaitsForACallOnAnotherThread) {
     registry.Fire(&Gated::Call);
     EXPECT_EQ(sinks[0].calls, 2) << "the new item is called once";
 }
+TEST(EventSinkWait, ConcurrentFiringsAndChanges) {
+    struct Counter {
+        std::atomic<int> n{0};
+        void Hit() { ++n; }
+    };
+    EventSink<Counter> counters;
+    Counter fixed, moving;
+    ASSERT_EQ(counters.AddSink(&fixed), basicsrv_success);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 2000; ++i)
+                counters.Fire(&Counter::Hit);
+        });
+    threads.emplace_back([&] {
+        for (int i = 0; i < 500; ++i) {
+            (void)counters.AddSink(&moving);
+            (void)counters.RemoveSink(&moving);
+        }
+    });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(fixed.n.load(), 4000);
+    EXPECT_EQ(counters.ItemCount(), 1u);
+    counters.Enable(false);
+    counters.Fire(&Counter::Hit);
+    EXPECT_EQ(fixed.n.load(), 4000) << "nothing fires while disabled";
+}
