@@ -411,16 +411,24 @@ configreader_status IniConfigReader::ReadString(const char* section, const char*
     return configreader_success;
 }
 
+// Reads a value that is converted to a number or a boolean: takes the shared side,
+// copies the text into `text` and gives the shared side back.
+static configreader_status ReadShortText(IniConfigReaderImpl* impl, const char* section,
+                                         const char* item, char (&text)[kShortRoom]) {
+    const configreader_status st = impl->EnterRead();
+    if (st != configreader_success) return st;
+    std::size_t length = 0;
+    const bool found = impl->Value(section, item, text, sizeof(text), &length) != nullptr;
+    (void)impl->lock.UnlockReader();
+    return found ? configreader_success : configreader_not_found;
+}
+
 configreader_status IniConfigReader::ReadUINT(const char* section, const char* item,
                                               unsigned int* value) {
     if (item == nullptr || value == nullptr) return configreader_invalid_parameter;
-    const configreader_status st = impl_->EnterRead();
-    if (st != configreader_success) return st;
     char text[kShortRoom];
-    std::size_t length = 0;
-    const bool found = impl_->Value(section, item, text, sizeof(text), &length) != nullptr;
-    (void)impl_->lock.UnlockReader();
-    if (!found) return configreader_not_found;
+    const configreader_status st = ReadShortText(impl_, section, item, text);
+    if (st != configreader_success) return st;
     unsigned int parsed = 0;
     if (!detail::ParseConfigUINT(text, &parsed)) return configreader_wrong_type;
     *value = parsed;
@@ -429,13 +437,9 @@ configreader_status IniConfigReader::ReadUINT(const char* section, const char* i
 
 configreader_status IniConfigReader::ReadBool(const char* section, const char* item, bool* value) {
     if (item == nullptr || value == nullptr) return configreader_invalid_parameter;
-    const configreader_status st = impl_->EnterRead();
-    if (st != configreader_success) return st;
     char text[kShortRoom];
-    std::size_t length = 0;
-    const bool found = impl_->Value(section, item, text, sizeof(text), &length) != nullptr;
-    (void)impl_->lock.UnlockReader();
-    if (!found) return configreader_not_found;
+    const configreader_status st = ReadShortText(impl_, section, item, text);
+    if (st != configreader_success) return st;
     if (EqualsFolded(text, "true") || std::strcmp(text, "1") == 0) {
         *value = true;
     } else if (EqualsFolded(text, "false") || std::strcmp(text, "0") == 0) {

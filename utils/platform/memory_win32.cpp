@@ -2,10 +2,7 @@
 // backed by the paging file.
 #include "platform/memory.h"
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#include <windows.h>
+#include "platform/win32_api.h"
 
 namespace TOLVEN::platform {
 namespace {
