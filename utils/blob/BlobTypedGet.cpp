@@ -57,24 +57,47 @@ blob_status ReadBool(const FieldView& f, unsigned char* out) noexcept {
     return BLOB_STATUS_SUCCESS;
 }
 
-// GetX: the field converted into the token's type.
+// GetX on a STRING or UTF16 field: the text parsed into the token's type.
 template <typename Tok>
-blob_status ReadScalar(const FieldView& f, typename Tok::type* out) noexcept {
+blob_status ReadScalarText(const FieldView& f, typename Tok::type* out) noexcept {
+    if (f.type == BLOB_FIELD_TYPE_STRING)
+        return ParseInto<Tok>(reinterpret_cast<const char*>(f.data), out)
+                   ? BLOB_STATUS_SUCCESS
+                   : BLOB_STATUS_CANNOT_CONVERT;
+    if (f.type == BLOB_FIELD_TYPE_UTF16) {
+        char ascii[kAsciiRoom];
+        UnitsToAscii(f.data, f.size / 2, ascii, sizeof ascii, true);
+        return ParseInto<Tok>(ascii, out) ? BLOB_STATUS_SUCCESS : BLOB_STATUS_CANNOT_CONVERT;
+    }
+    return BLOB_STATUS_UNHANDLED_TYPE;
+}
+
+// GetX: the field converted into the token's type. Numbers are converted here, in the
+// caller's frame; text goes to the parsers.
+template <typename Tok>
+inline blob_status ReadScalar(const FieldView& f, typename Tok::type* out) noexcept {
     if constexpr (Tok::kind == TokenKind::Bool) {
         return ReadBool(f, out);
     } else {
         if (ConvertNumeric<Tok>(f.data, f.type, out)) return BLOB_STATUS_SUCCESS;
-        if (f.type == BLOB_FIELD_TYPE_STRING)
-            return ParseInto<Tok>(reinterpret_cast<const char*>(f.data), out)
-                       ? BLOB_STATUS_SUCCESS
-                       : BLOB_STATUS_CANNOT_CONVERT;
-        if (f.type == BLOB_FIELD_TYPE_UTF16) {
-            char ascii[kAsciiRoom];
-            UnitsToAscii(f.data, f.size / 2, ascii, sizeof ascii, true);
-            return ParseInto<Tok>(ascii, out) ? BLOB_STATUS_SUCCESS : BLOB_STATUS_CANNOT_CONVERT;
-        }
-        return BLOB_STATUS_UNHANDLED_TYPE;
+        return ReadScalarText<Tok>(f, out);
     }
+}
+
+// GetStr: a STRING field is copied here; the other types go to the formatter.
+inline blob_status ReadText(const FieldView& f, char* buffer, uint64_t size) noexcept {
+    if (f.type != BLOB_FIELD_TYPE_STRING) return FormatField(f, buffer, size);
+    const void* nul = std::memchr(f.data, 0, f.size);
+    const uint64_t n = nul != nullptr ? static_cast<const unsigned char*>(nul) - f.data : f.size;
+    if (n < size) {
+        std::memcpy(buffer, f.data, static_cast<size_t>(n));
+        buffer[n] = 0;
+        buffer[size - 1] = 0;
+        return BLOB_STATUS_SUCCESS;
+    }
+    std::memcpy(buffer, f.data, static_cast<size_t>(size - 1));
+    buffer[size - 1] = 0;
+    return BLOB_STATUS_BUFFER_TOO_SMALL;
 }
 
 // Converts `count` elements of type S at `p` into the caller's type.
@@ -273,7 +296,7 @@ blob_status GetByNameBOOL(const _BLOB_INFO* blob, const char* name, int* out) {
 
 TOLVEN_READ_PAIR(GetStr, GetByNameStr, char* buffer TOLVEN_COMMA uint64_t size,
                  buffer != nullptr && size != 0,
-                 [buffer, size](const FieldView& f) { return FormatField(f, buffer, size); })
+                 [buffer, size](const FieldView& f) { return ReadText(f, buffer, size); })
 TOLVEN_READ_PAIR(GetPtrStr, GetPtrByNameStr, const char** out, out != nullptr,
                  [out](const FieldView& f) { return PointTo(f, BLOB_FIELD_TYPE_STRING, out); })
 TOLVEN_READ_PAIR(GetUTF16, GetByNameUTF16, char16_t* buffer TOLVEN_COMMA uint64_t size,
