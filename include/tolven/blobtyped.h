@@ -50,19 +50,24 @@
 #include "tolven/blobtime.h"
 
 // The scalar tokens: X(token, caller type).
-#define TOLVEN_BLOB_SCALAR_TOKENS(X)                                                 \
-    X(BOOL, unsigned char)                                                           \
-    X(I8, char)                                                                      \
-    X(I16, int16_t)                                                                  \
-    X(I32, int32_t) X(I64, int64_t) X(U8, uint8_t) X(U16, uint16_t) X(U32, uint32_t) \
-        X(U64, uint64_t) X(F32, float) X(F64, double)
+// clang-format off
+#define TOLVEN_BLOB_SCALAR_TOKENS(X) \
+    X(BOOL, unsigned char)           \
+    TOLVEN_BLOB_ARRAY_TOKENS(X)
 
 // The tokens that have an array form: X(token, caller element type).
-#define TOLVEN_BLOB_ARRAY_TOKENS(X)                                                  \
-    X(I8, char)                                                                      \
-    X(I16, int16_t)                                                                  \
-    X(I32, int32_t) X(I64, int64_t) X(U8, uint8_t) X(U16, uint16_t) X(U32, uint32_t) \
-        X(U64, uint64_t) X(F32, float) X(F64, double)
+#define TOLVEN_BLOB_ARRAY_TOKENS(X)  \
+    X(I8, char)                      \
+    X(I16, int16_t)                  \
+    X(I32, int32_t)                  \
+    X(I64, int64_t)                  \
+    X(U8, uint8_t)                   \
+    X(U16, uint16_t)                 \
+    X(U32, uint32_t)                 \
+    X(U64, uint64_t)                 \
+    X(F32, float)                    \
+    X(F64, double)
+// clang-format on
 
 namespace TOLVEN {
 
