@@ -7,6 +7,7 @@
 #include "tolven/blob.h"
 #include "tolven/blobstatus.h"
 #include "tolven/blobtime.h"
+#include "tolven/blobtyped.h"
 #include "tolven/blockallocator.h"
 #include "tolven/blockalloclist.h"
 #include "tolven/blockallocstatmngr.h"

@@ -141,7 +141,8 @@ blob_status AppendField(_BLOB_INFO* blob, const char* name, blob_field_type type
     return BLOB_STATUS_SUCCESS;
 }
 
-blob_status StoreVariable(_BLOB_INFO* blob, uint64_t index, const void* data, uint64_t n) noexcept {
+blob_status StoreVariable(_BLOB_INFO* blob, uint64_t index, const void* data, uint64_t n,
+                          uint32_t zeros) noexcept {
     BlobFieldEntry* e = &blob->fieldIndex[index];
     if (n > e->dataSize) {
         const uint32_t used = UsedLength(blob);
@@ -165,9 +166,13 @@ blob_status StoreVariable(_BLOB_INFO* blob, uint64_t index, const void* data, ui
         SetHeaderLength(blob->buffer, static_cast<uint32_t>(used + diff));
     }
     unsigned char* p = blob->buffer + e->dataOffset;
-    std::memcpy(p, data, static_cast<size_t>(n));
-    for (uint64_t i = n; i < e->dataSize && p[i] != 0xFF; ++i)
-        p[i] = 0xFF;
+    std::memcpy(p, data, static_cast<size_t>(n - zeros));
+    std::memset(p + (n - zeros), 0, zeros);
+    // The whole rest of the room becomes padding. Stopping at the first 0xFF already there
+    // would leave the tail of an old value behind whenever that value itself held a 0xFF
+    // byte (a UTF-16 unit such as 0x00FF, a nested blob's -1), and the buffer would no
+    // longer walk.
+    if (e->dataSize > n) std::memset(p + n, 0xFF, static_cast<size_t>(e->dataSize - n));
     return BLOB_STATUS_SUCCESS;
 }
 

@@ -88,6 +88,29 @@ blob_status WalkBuffer(_BLOB_INFO* blob) noexcept {
     return s;
 }
 
+blob_status FindInBuffer(const unsigned char* bytes, uint64_t length, const char* name,
+                         BlobFieldEntry* entry) noexcept {
+    if (bytes == nullptr || length <= kBlobHeaderSize) return BLOB_STATUS_ITEM_NOT_FOUND;
+    const uint32_t end = HeaderLength(bytes);
+    if (end <= kBlobHeaderSize) return BLOB_STATUS_ITEM_NOT_FOUND;
+    if (end > length) return BLOB_STATUS_INVALID_BUFFER_LENGTH;
+    if (name == nullptr || name[0] == 0) return BLOB_STATUS_ITEM_NOT_FOUND;
+    const size_t nameLength = std::strlen(name);
+    bool found = false;
+    // The walk stops at the first status that is not success: a match answers with one
+    // that the walk itself never gives.
+    const blob_status s = Walk(bytes, end, 0, [&](uint32_t h, uint32_t d, uint64_t n) noexcept {
+        if (d - h != nameLength + 2 ||
+            !NamesEqual(reinterpret_cast<const char*>(bytes + h + 1), name, nameLength))
+            return BLOB_STATUS_SUCCESS;
+        *entry = BlobFieldEntry{h, d, static_cast<uint32_t>(n)};
+        found = true;
+        return BLOB_STATUS_FIELD_ALREADY_SET;
+    });
+    if (found) return BLOB_STATUS_SUCCESS;
+    return s != BLOB_STATUS_SUCCESS ? s : BLOB_STATUS_ITEM_NOT_FOUND;
+}
+
 bool ValidateBuffer(const unsigned char* bytes, uint64_t length, unsigned depth) noexcept {
     if (bytes == nullptr || length < kBlobHeaderSize || depth > kMaxBlobDepth) return false;
     const uint32_t end = HeaderLength(bytes);

@@ -174,9 +174,12 @@ blob_status GrowIndex(_BLOB_INFO* blob) noexcept;
 // existing one for a known name under uniqueNames). `*found` (if given) tells which.
 blob_status AppendField(_BLOB_INFO* blob, const char* name, blob_field_type type, uint64_t size,
                         uint64_t* index, bool* found) noexcept;
-// Replaces a STRING, UTF16 or BLOB field's value with `n` bytes from `data`, growing the
-// field (moving later fields) when its room is too small, and padding the rest with 0xFF.
-blob_status StoreVariable(_BLOB_INFO* blob, uint64_t index, const void* data, uint64_t n) noexcept;
+// Replaces a STRING, UTF16 or BLOB field's value with `n` bytes: `n - zeros` from `data`
+// and then `zeros` bytes of 0 (the terminator of a text cut short). Grows the field (moving
+// later fields up and shifting their offsets) when its room is too small, growing the buffer
+// if need be; pads the rest of the room with 0xFF. On failure nothing has changed.
+blob_status StoreVariable(_BLOB_INFO* blob, uint64_t index, const void* data, uint64_t n,
+                          uint32_t zeros = 0) noexcept;
 
 // ---- the walk ----
 
@@ -184,6 +187,12 @@ blob_status StoreVariable(_BLOB_INFO* blob, uint64_t index, const void* data, ui
 // available) and fills the blob's index, growing it as needed. Every read is checked
 // against the header's length. Status 5 for malformed bytes, 8 when the index cannot grow.
 blob_status WalkBuffer(_BLOB_INFO* blob) noexcept;
+// Walks serialised bytes to the first field named `name` (A-Z folded), without a handle:
+// `*entry` receives where it lies. Status 4 when there is no such
+// field or the buffer holds no field at all, 5 for malformed bytes before the match, 10 when
+// the header's length exceeds `length`.
+blob_status FindInBuffer(const unsigned char* bytes, uint64_t length, const char* name,
+                         BlobFieldEntry* entry) noexcept;
 // Checks that `bytes` of `length` hold a well-formed blob, nested blobs included, down to
 // `depth` levels. Fills nothing.
 bool ValidateBuffer(const unsigned char* bytes, uint64_t length, unsigned depth) noexcept;

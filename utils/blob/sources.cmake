@@ -6,5 +6,9 @@ list(APPEND TOLVEN_SOURCES
     utils/blob/BlobPools.cpp
     utils/blob/BlobStatus.cpp
     utils/blob/BlobTime.cpp
+    utils/blob/BlobTypedConvert.cpp
+    utils/blob/BlobTypedGet.cpp
+    utils/blob/BlobTypedSet.cpp
+    utils/blob/BlobTypedText.cpp
     utils/blob/BlobTimeParse.cpp
     utils/blob/TimeZoneStandard.cpp)
