@@ -718,7 +718,7 @@ class mkdb_exclusive_guard {
 };
 
 // A process-wide pointer built on first use under a spin word: compare-and-swap 0 to 1,
-// 100 ms asleep between tries; the object is published after a full fence, and the fast
+// 100 ms asleep between tries; the object is published with a full fence, and the fast
 // path reads the pointer without a lock. Constant-initialised, so it may be a namespace
 // static. Safe for concurrent use without external locking.
 template <class T>
@@ -740,8 +740,8 @@ class mkdb_accessor {
                 Leave();
                 throw;
             }
-            std::atomic_thread_fence(std::memory_order_seq_cst);
-            object_.store(object, std::memory_order_release);
+            // A sequentially consistent store: a full fence before the pointer is seen.
+            object_.store(object, std::memory_order_seq_cst);
         }
         Leave();
         return object;
