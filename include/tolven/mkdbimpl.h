@@ -43,6 +43,7 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -394,11 +395,12 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
         if (row == nullptr) return CSDB_BAD_ARGUMENT;
         Key k{};
         Traits::MakeKey(*row, &k);
-        if (detachedRow_ == row && !detached_.empty()) {
-            detached_.key() = Wrap(k, row);
-            auto result = map_.insert(std::move(detached_));
+        if (detachedRow_ == row && detached_.has_value()) {
+            detached_->key() = Wrap(k, row);
+            auto result = map_.insert(std::move(*detached_));
+            detached_.reset();
             if (!result.inserted) {
-                detached_ = std::move(result.node);
+                detached_.emplace(std::move(result.node));
                 return CSDB_DUPLICATE_KEY;
             }
             detachedRow_ = nullptr;
@@ -423,9 +425,9 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
 
     csdb_status Erase(Entry* row, csdb_context* ctx, uint32_t* outGeneration) override {
         if (row == nullptr) return CSDB_BAD_ARGUMENT;
-        if (detachedRow_ == row && !detached_.empty()) {
-            if (outGeneration != nullptr) *outGeneration = detached_.mapped().generation;
-            detached_ = typename Map::node_type();
+        if (detachedRow_ == row && detached_.has_value()) {
+            if (outGeneration != nullptr) *outGeneration = detached_->mapped().generation;
+            detached_.reset();
             detachedRow_ = nullptr;
             erases_.fetch_add(1, std::memory_order_relaxed);
             return Zero(ctx, CSDB_SUCCESS);
@@ -456,7 +458,7 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
     bool IsUnique() override { return !multi; }
     void Clear() override {
         map_.clear();
-        detached_ = typename Map::node_type();
+        detached_.reset();
         detachedRow_ = nullptr;
     }
     void SetIndexNumber(uint32_t number) override { indexNumber_ = number; }
@@ -477,7 +479,8 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
     csdb_status Detach(Entry* row) override {
         iterator it = FindRowNode(row);
         if (it == map_.end()) return CSDB_NOT_FOUND;
-        detached_ = map_.extract(it);
+        detached_.reset();
+        detached_.emplace(map_.extract(it));
         detachedRow_ = row;
         return CSDB_SUCCESS;
     }
@@ -596,7 +599,8 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
     std::atomic<uint64_t> inserts_{0};
     std::atomic<uint64_t> erases_{0};
     // The node of a row whose key is being changed, between EraseIfChanged and InsertAt.
-    typename Map::node_type detached_;
+    // (Held in an optional and only ever move-constructed: node handles are not assigned.)
+    std::optional<typename Map::node_type> detached_;
     Entry* detachedRow_ = nullptr;
 };
 

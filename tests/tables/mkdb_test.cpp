@@ -52,7 +52,8 @@ TEST(Mkdb, StatusesOfIndexesAndArguments) {
     delete nullable;
 
     AddIndexes(table, 1);
-    EXPECT_EQ(table.AddIndex(new IdIndex, 0, true), CSDB_DUPLICATE_KEY);
+    IdIndex taken;
+    EXPECT_EQ(table.AddIndex(&taken, 0, false), CSDB_DUPLICATE_KEY);
     for (uint32_t n = 1; n < 16; ++n)
         ASSERT_EQ(table.AddIndex(new IdIndex, n, true), CSDB_SUCCESS);
     IdIndex extra;
