@@ -15,14 +15,23 @@
 #include <vector>
 
 #include "tolven/csdb.h"
+#include "tolven/detail/critical_section.h"
 #include "tolven/event.h"
 
 namespace TOLVEN {
 
 namespace detail {
 
-// The calling thread's 32-bit id, as the platform layer gives it.
-uint32_t RecordLockThreadId() noexcept;
+// The calling thread's 32-bit id, as the platform layer gives it (out of line).
+uint32_t RecordLockThreadIdSlow() noexcept;
+// The calling thread's 32-bit id: a thread-local read once the platform layer has filled it.
+inline uint32_t RecordLockThreadId() noexcept {
+#if TOLVEN_FUTEX_LOCK
+    const uint32_t id = t_osThreadId;
+    if (id != 0) return id;
+#endif
+    return RecordLockThreadIdSlow();
+}
 // Sleeps at least `ms` milliseconds.
 void RecordLockSleepMs(uint32_t ms) noexcept;
 
@@ -131,20 +140,6 @@ inline uintptr_t ThinWord(uint32_t thread) noexcept {
     return (static_cast<uintptr_t>(thread) << 1) | 1u;
 }
 
-// Row locks the calling thread holds, per table (keyed by the table's locker). A thread
-// that holds one must not wait for the whole table: it would wait for itself.
-// Not thread-safe: each thread has its own list.
-class HeldRecordLocks {
-  public:
-    // Adds `delta` holds in `table`.
-    static void Adjust(const void* table, int32_t delta);
-    // Holds of the calling thread in `table`.
-    static int32_t Count(const void* table);
-
-  private:
-    static std::vector<std::pair<const void*, int32_t>>& List();
-};
-
 }  // namespace detail
 
 // The record-lock half of a table's lock: the table's read/write lock plus the count of
@@ -180,7 +175,6 @@ class _record_locker : public Lock {
             if (!reinterpret_cast<_dblock_handle*>(word)->Lock(count, thread)) return false;
         }
         recordLockCount.fetch_add(1, std::memory_order_acq_rel);
-        detail::HeldRecordLocks::Adjust(this, 1);
         return true;
     }
 
@@ -201,7 +195,6 @@ class _record_locker : public Lock {
             }
         }
         CountDown(1);
-        detail::HeldRecordLocks::Adjust(this, -1);
         return true;
     }
 
@@ -230,33 +223,44 @@ class _record_locker : public Lock {
         if (word == 0) return;
         if ((word & 1u) != 0) {
             CountDown(1);
-            if (word == detail::ThinWord(thread)) detail::HeldRecordLocks::Adjust(this, -1);
         } else {
             auto* handle = reinterpret_cast<_dblock_handle*>(word);
             const int32_t holds = handle->LockCount();
             if (holds > 0) {
                 CountDown(holds);
-                if (handle->OwnerThread() == thread) {
-                    detail::HeldRecordLocks::Adjust(this, -holds);
-                    (void)handle->ForceUnlock(thread);
-                }
+                if (handle->OwnerThread() == thread) (void)handle->ForceUnlock(thread);
             }
             _dblock_handle_cache::ReleaseHandle(handle);
         }
         row.word.store(0, std::memory_order_relaxed);
     }
 
-    // Row locks the calling thread holds in this table.
-    int32_t HeldByThisThread() const { return detail::HeldRecordLocks::Count(this); }
+    // True when `thread` holds the row (read under the row's latch or the writer lock).
+    static bool HeldBy(const _dbrow_header& row, uint32_t thread) noexcept {
+        const uintptr_t word = row.word.load(std::memory_order_relaxed);
+        if (word == 0) return false;
+        if ((word & 1u) != 0) return word == detail::ThinWord(thread);
+        const auto* handle = reinterpret_cast<const _dblock_handle*>(word);
+        return handle->LockCount() > 0 && handle->OwnerThread() == thread;
+    }
 
     // Takes the writer lock with no row locked anywhere in the table. Between tries it
     // waits on `noRecordLocks` for at most 200 ms, which also covers a lock taken between
-    // the count's test and the wait. Pair with LeaveExclusive.
-    void EnterExclusive() {
+    // the count's test and the wait. While rows are locked, `heldBySelf()` is asked (with
+    // the writer lock held) whether the caller holds one of them: it would wait for itself,
+    // so the call gives false at once and holds nothing. Pair a true result with
+    // LeaveExclusive.
+    template <class HeldBySelf>
+    bool EnterExclusive(HeldBySelf&& heldBySelf) {
         exclusiveWaiters.fetch_add(1, std::memory_order_acq_rel);
         for (;;) {
             (void)this->LockWriter(kInfinite);
-            if (recordLockCount.load(std::memory_order_acquire) == 0) return;
+            if (recordLockCount.load(std::memory_order_acquire) == 0) return true;
+            if (heldBySelf()) {
+                (void)this->UnlockWriter();
+                exclusiveWaiters.fetch_sub(1, std::memory_order_acq_rel);
+                return false;
+            }
             noRecordLocks.Reset();
             (void)this->UnlockWriter();
             WaitNoRecordLocks(200);
@@ -309,12 +313,14 @@ class _empty_record_locker : public Lock {
     static constexpr bool kEnabled = false;
     using Lock::Lock;
 
-    // The writer lock; no row locks exist to wait for.
-    void EnterExclusive() { (void)this->LockWriter(kInfinite); }
+    // The writer lock; no row locks exist to wait for. Always true.
+    template <class HeldBySelf>
+    bool EnterExclusive(HeldBySelf&&) {
+        (void)this->LockWriter(kInfinite);
+        return true;
+    }
     // Releases the writer lock.
     void LeaveExclusive() { (void)this->UnlockWriter(); }
-    // Always 0.
-    int32_t HeldByThisThread() const { return 0; }
 };
 
 }  // namespace TOLVEN

@@ -39,6 +39,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -194,37 +195,42 @@ struct mkdb_node_pool {
     uint64_t nodeSize = 0;
 };
 
-// The index's map allocator: the table's block allocator rebound to the node type, noting
-// every block it hands out. Not thread-safe (used under the table's writer lock).
-template <class T, class Base>
+// The index's map allocator: blocks of the index's pool, noting every block it hands out.
+// It points at the pool without holding a reference (the index holds one for the map's
+// whole life), so copies cost nothing and a copy the library forgets to destroy (a map's
+// node handle after re-insertion) leaks nothing. Not thread-safe (used under the table's
+// writer lock).
+template <class T>
 class mkdb_node_allocator {
   public:
     using value_type = T;
-    using inner_type = typename std::allocator_traits<Base>::template rebind_alloc<T>;
     template <class U>
     struct rebind {
-        using other = mkdb_node_allocator<U, Base>;
+        using other = mkdb_node_allocator<U>;
     };
 
-    mkdb_node_allocator(const Base& base, mkdb_node_pool* pool) : inner(base), pool(pool) {}
+    explicit mkdb_node_allocator(mkdb_node_pool* pool) noexcept : pool(pool) {}
     template <class U>
-    mkdb_node_allocator(const mkdb_node_allocator<U, Base>& other)
-        : inner(other.inner), pool(other.pool) {}
+    mkdb_node_allocator(const mkdb_node_allocator<U>& other) noexcept : pool(other.pool) {}
 
     T* allocate(size_t n) {
-        T* block = inner.allocate(n);
+        void* block = pool->list->GetBlock(n * sizeof(T));
+        if (block == nullptr) throw std::bad_alloc();
         pool->lastBlock = block;
         pool->nodeSize = n * sizeof(T);
-        return block;
+        return static_cast<T*>(block);
     }
-    void deallocate(T* block, size_t n) noexcept { inner.deallocate(block, n); }
+    void deallocate(T* block, size_t n) noexcept {
+        if (pool->list->ReleaseBlock(block, n * sizeof(T))) return;
+        // A block of the pool that it refused is not the heap's to take.
+        if (!pool->list->Owns(block)) std::free(block);
+    }
 
     template <class U>
-    bool operator==(const mkdb_node_allocator<U, Base>& other) const noexcept {
+    bool operator==(const mkdb_node_allocator<U>& other) const noexcept {
         return pool == other.pool;
     }
 
-    inner_type inner;
     mkdb_node_pool* pool;
 };
 
@@ -251,14 +257,17 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
     static_assert(sizeof(iterator) <= sizeof(Map::mapped_type::self), "room for the position");
 
   public:
+    // An index on the pool of `allocator`'s list, made now so that readers only ever read
+    // the pointer. The index holds one reference on the list until the map is gone.
     template <class Allocator>
     explicit mkdbindeximpl(const Allocator& allocator)
-        : map_(typename Map::key_compare(), typename Map::allocator_type(allocator, &pool_)) {
-        // All copies of the allocator share one pool; making it now means readers only
-        // ever read the pointer.
-        pool_.list = allocator.Shared();
+        : pool_{Hold(allocator.Shared())},
+          map_(typename Map::key_compare(), typename Map::allocator_type(&pool_)) {}
+    ~mkdbindeximpl() override {
+        detached_.reset();
+        map_.clear();
+        pool_.list->Release();
     }
-    ~mkdbindeximpl() override = default;
 
     csdb_status FindKey(const void* key, size_t size, Entry** rowOut, csdb_context* ctx) override {
         if (key == nullptr || size != sizeof(Key)) return CSDB_BAD_ARGUMENT;
@@ -284,6 +293,7 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
         iterator it;
         if (!Validate(ctx, &it)) return CSDB_NOT_FOUND;
         if (++it == map_.end()) return Zero(ctx, CSDB_END);
+        PrefetchNext(it);
         return Fill(it, rowOut, ctx);
     }
 
@@ -320,6 +330,7 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
             it = map_.upper_bound(High(*static_cast<const Key*>(key)));
         }
         if (it == map_.end()) return Zero(ctx, CSDB_END);
+        PrefetchNext(it);
         if (key == nullptr) return Fill(it, rowOut, ctx);
         return Found(match, it, *static_cast<Key*>(key), rowOut, ctx, CSDB_END);
     }
@@ -488,6 +499,12 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
   protected:
     using value_type = typename Map::mapped_type;
 
+    static BlockAllocList* Hold(BlockAllocList* list) {
+        if (list == nullptr) throw std::bad_alloc();
+        list->AddRef();
+        return list;
+    }
+
     // True when the context names a live node of this index with the generation it saw.
     bool Validate(const csdb_context* ctx, iterator* out) const {
         if (ctx == nullptr || ctx->indexNumber != indexNumber_ || ctx->node == 0 ||
@@ -499,6 +516,12 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
         if (pair->second.generation != ctx->generation) return false;
         std::memcpy(static_cast<void*>(out), pair->second.self, sizeof(iterator));
         return true;
+    }
+
+    // A walk forward will want the next node's row: ask for it now, so that its fetch
+    // overlaps the work on this one (rows live apart from the nodes).
+    void PrefetchNext(iterator it) const {
+        if (++it != map_.end()) __builtin_prefetch(it->second.row);
     }
 
     static void SetSelf(iterator it) {
@@ -622,8 +645,7 @@ using mkdb_map_t =
              mkdb_key_less<Traits>,
              mkdb_node_allocator<
                  std::pair<const mkdb_wrap_t<multi, Key, Entry>,
-                           mkdb_node_value<Entry, mkdb_iterator_size<multi, Key, Entry, Traits>>>,
-                 Allocator>>;
+                           mkdb_node_value<Entry, mkdb_iterator_size<multi, Key, Entry, Traits>>>>>;
 
 }  // namespace detail
 
@@ -707,13 +729,19 @@ class mkdb_lock_guard {
     L* lock_;
 };
 
-// Holds a table for exclusive use (writer lock, no row locked) for a scope.
+// Holds a table for exclusive use (writer lock, no row locked) for a scope. `held()` is
+// false when the caller holds a row lock of the table itself and was refused.
 // Not thread-safe.
 template <class L>
 class mkdb_exclusive_guard {
   public:
-    explicit mkdb_exclusive_guard(L* lock) : lock_(lock) { lock_->EnterExclusive(); }
-    ~mkdb_exclusive_guard() { lock_->LeaveExclusive(); }
+    template <class HeldBySelf>
+    mkdb_exclusive_guard(L* lock, HeldBySelf&& heldBySelf)
+        : lock_(lock->EnterExclusive(heldBySelf) ? lock : nullptr) {}
+    ~mkdb_exclusive_guard() {
+        if (lock_ != nullptr) lock_->LeaveExclusive();
+    }
+    bool held() const noexcept { return lock_ != nullptr; }
     mkdb_exclusive_guard(const mkdb_exclusive_guard&) = delete;
     mkdb_exclusive_guard& operator=(const mkdb_exclusive_guard&) = delete;
 
@@ -829,20 +857,21 @@ class multikeydb_impl : public csdb {
     multikeydb_impl& operator=(const multikeydb_impl&) = delete;
 
     // Adds `index` as number `number`, filled with the rows already in the table; `owned`
-    // makes the table delete it. Waits until no row of the table is locked.
+    // makes the table delete it. Waits until no row of the table is locked. An index that is
+    // refused (any status but CSDB_SUCCESS) stays the caller's.
     csdb_status AddIndex(index_type* index, uint32_t number, bool owned) {
         if (index == nullptr) return CSDB_BAD_ARGUMENT;
         if (indexCount_.load(std::memory_order_acquire) >= Policy::kMaxIndexes ||
             number >= Policy::kMaxIndexes)
             return CSDB_TOO_MANY_INDEXES;
         if (number == 0 && index->IsNullable()) return CSDB_NULLABLE_FIRST_INDEX;
-        if (lock_->HeldByThisThread() > 0) {
+        index->Clear();
+        detail::mkdb_exclusive_guard<Locker> guard(lock_, [this] { return HoldsARow(); });
+        if (!guard.held()) {
             TOLVEN_LOG(LOGGER_ERROR, detail::kMkdbLogSource, "TOLVEN::multikeydb_impl::AddIndex",
                        "multikeydb: AddIndex() called while this thread holds a record lock");
             return CSDB_RECORD_LOCK_HELD;
         }
-        index->Clear();
-        detail::mkdb_exclusive_guard<Locker> guard(lock_);
         if (indexCount_.load(std::memory_order_relaxed) >= Policy::kMaxIndexes)
             return CSDB_TOO_MANY_INDEXES;
         if (number < indexes_.size() && indexes_[number] != nullptr) return CSDB_DUPLICATE_KEY;
@@ -1134,12 +1163,12 @@ class multikeydb_impl : public csdb {
     // Erases every row, once no row is locked. CSDB_RECORD_LOCK_HELD (logged) when this
     // thread holds a row lock in the table, since it would wait for itself.
     csdb_status Clear() override {
-        if (lock_->HeldByThisThread() > 0) {
+        detail::mkdb_exclusive_guard<Locker> guard(lock_, [this] { return HoldsARow(); });
+        if (!guard.held()) {
             TOLVEN_LOG(LOGGER_ERROR, detail::kMkdbLogSource, "TOLVEN::multikeydb_impl::Clear",
                        "multikeydb: Clear() called while this thread holds a record lock");
             return CSDB_RECORD_LOCK_HELD;
         }
-        detail::mkdb_exclusive_guard<Locker> guard(lock_);
         ClearRows();
         return CSDB_SUCCESS;
     }
@@ -1206,6 +1235,12 @@ class multikeydb_impl : public csdb {
             uint32_t generation = 0;
             if (ix->Erase(row, nullptr, &generation) == CSDB_SUCCESS) result = CSDB_SUCCESS;
         }
+        FreeRow(row);
+        return result;
+    }
+
+    // Gives up the row's record lock and returns it to the pool; no index holds it now.
+    void FreeRow(Entry* row) {
         row->~Entry();
         if constexpr (kLocks) {
             _dbrow_header& header = Header(row);
@@ -1218,16 +1253,50 @@ class multikeydb_impl : public csdb {
         } else {
             rows_.deallocate(row, 1);
         }
-        return result;
     }
 
+    // Erases every row: the rows are collected from the first index, every index is
+    // emptied at once, and each row gives up its record lock and goes back to the pool.
+    // The same end as erasing row by row, without a search per row and index.
     void ClearRows() {
-        for (index_type* ix : indexes_) {
-            if (ix == nullptr) continue;
+        index_type* first = FirstIndex(true);
+        if (first == nullptr || first->Size() == 0) return;
+        std::vector<Entry*> rows;
+        try {
+            rows.reserve(first->Size());
             Entry* row = nullptr;
-            while (ix->WalkFirst(&row, nullptr) == CSDB_SUCCESS)
+            csdb_context at{};
+            for (csdb_status st = first->WalkFirst(&row, &at); st == CSDB_SUCCESS;
+                 st = first->WalkNext(&row, &at))
+                rows.push_back(row);
+        } catch (const std::bad_alloc&) {
+            // No room for the list: erase row by row instead.
+            for (Entry* row = nullptr; first->WalkFirst(&row, nullptr) == CSDB_SUCCESS;)
                 if (EraseRow(row) == CSDB_NOT_INDEXED) break;
+            return;
         }
+        for (index_type* ix : indexes_)
+            if (ix != nullptr) ix->Clear();
+        for (Entry* row : rows)
+            FreeRow(row);
+    }
+
+    // True when the calling thread holds a lock on a row of the table (writer lock held).
+    bool HoldsARow() {
+        if constexpr (kLocks) {
+            index_type* first = FirstIndex(true);
+            if (first == nullptr) return false;
+            const uint32_t self = detail::RecordLockThreadId();
+            Entry* row = nullptr;
+            csdb_context at{};
+            for (csdb_status st = first->WalkFirst(&row, &at); st == CSDB_SUCCESS;
+                 st = first->WalkNext(&row, &at)) {
+                _dbrow_header& header = Header(row);
+                detail::RowLatchGuard latch(header);
+                if (Locker::HeldBy(header, self)) return true;
+            }
+        }
+        return false;
     }
 
     // With the row's latch taken: when another thread holds the row, readies the wait,

@@ -13,43 +13,12 @@ std::atomic<_dblock_handle*> cacheSlots[_dblock_handle_cache::kSlots];
 
 namespace detail {
 
-uint32_t RecordLockThreadId() noexcept {
+uint32_t RecordLockThreadIdSlow() noexcept {
     return platform::CurrentThreadId();
 }
 
 void RecordLockSleepMs(uint32_t ms) noexcept {
     platform::SleepMs(ms);
-}
-
-std::vector<std::pair<const void*, int32_t>>& HeldRecordLocks::List() {
-    thread_local std::vector<std::pair<const void*, int32_t>> held;
-    return held;
-}
-
-void HeldRecordLocks::Adjust(const void* table, int32_t delta) {
-    auto& held = List();
-    auto it = std::find_if(held.begin(), held.end(),
-                           [table](const auto& entry) { return entry.first == table; });
-    if (it == held.end()) {
-        // Tracking is advisory: without room the count is simply not kept.
-        if (delta <= 0) return;
-        try {
-            held.emplace_back(table, delta);
-        } catch (...) {
-        }
-        return;
-    }
-    it->second += delta;
-    if (it->second <= 0) {
-        *it = held.back();
-        held.pop_back();
-    }
-}
-
-int32_t HeldRecordLocks::Count(const void* table) {
-    for (const auto& entry : List())
-        if (entry.first == table) return entry.second;
-    return 0;
 }
 
 }  // namespace detail
