@@ -1,1 +1,3 @@
-# tables subsystem
+# Tables: the table contract, the multi-key engine's record locks.
+list(APPEND TOLVEN_SOURCES
+    utils/tables/DbLockHandle.cpp)
