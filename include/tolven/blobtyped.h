@@ -45,6 +45,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 #include "tolven/blob.h"
 #include "tolven/blobtime.h"
@@ -79,12 +80,64 @@ namespace TOLVEN {
     blob_status Add##T(_BLOB_INFO* blob, const char* name, C value);            \
     blob_status Set##T(_BLOB_INFO* blob, uint64_t index, C value);              \
     blob_status SetByName##T(_BLOB_INFO* blob, const char* name, C value);      \
-    blob_status Get##T(const _BLOB_INFO* blob, uint64_t index, C* out);         \
     blob_status GetByName##T(const _BLOB_INFO* blob, const char* name, C* out); \
     blob_status GetPtr##T(const _BLOB_INFO* blob, uint64_t index, C** out);     \
     blob_status GetPtrByName##T(const _BLOB_INFO* blob, const char* name, C** out);
 TOLVEN_BLOB_SCALAR_TOKENS(TOLVEN_DECLARE_BLOB_SCALAR)
 #undef TOLVEN_DECLARE_BLOB_SCALAR
+
+namespace detail {
+
+// The field type whose stored bytes are exactly the token's caller type. BOOL has none: a
+// stored byte above 1 still reads as 1.
+inline constexpr uint32_t kExactField_BOOL = BLOB_FIELD_TYPE_UNDEFINED;
+inline constexpr uint32_t kExactField_I8 = BLOB_FIELD_TYPE_INT8;
+inline constexpr uint32_t kExactField_I16 = BLOB_FIELD_TYPE_INT16;
+inline constexpr uint32_t kExactField_I32 = BLOB_FIELD_TYPE_INT32;
+inline constexpr uint32_t kExactField_I64 = BLOB_FIELD_TYPE_INT64;
+inline constexpr uint32_t kExactField_U8 = BLOB_FIELD_TYPE_UINT8;
+inline constexpr uint32_t kExactField_U16 = BLOB_FIELD_TYPE_UINT16;
+inline constexpr uint32_t kExactField_U32 = BLOB_FIELD_TYPE_UINT32;
+inline constexpr uint32_t kExactField_U64 = BLOB_FIELD_TYPE_UINT64;
+inline constexpr uint32_t kExactField_F32 = BLOB_FIELD_TYPE_FLOAT32;
+inline constexpr uint32_t kExactField_F64 = BLOB_FIELD_TYPE_FLOAT64;
+
+// The value bytes of field `index` when the blob has no lock, the index is in range and the
+// field's type is `type`; null otherwise (the caller then takes the full path).
+inline const unsigned char* ExactField(const _BLOB_INFO* blob, uint64_t index, uint32_t type,
+                                       uint32_t* room) noexcept {
+    if (blob == nullptr || (blob->options & BLOB_CREATE_LOCKED) != 0 || index >= blob->fieldCount)
+        return nullptr;
+    const BlobFieldEntry& e = blob->fieldIndex[index];
+    if ((blob->buffer[e.headerOffset] & 0x7Fu) != type) return nullptr;
+    if (room != nullptr) *room = e.dataSize;
+    return blob->buffer + e.dataOffset;
+}
+
+// The full reads behind the inline ones: every type, every conversion, the lock.
+#define TOLVEN_DECLARE_BLOB_FULL_READ(T, C) \
+    blob_status Get##T##Full(const _BLOB_INFO* blob, uint64_t index, C* out);
+TOLVEN_BLOB_SCALAR_TOKENS(TOLVEN_DECLARE_BLOB_FULL_READ)
+#undef TOLVEN_DECLARE_BLOB_FULL_READ
+blob_status GetStrFull(const _BLOB_INFO* blob, uint64_t index, char* buffer, uint64_t size);
+
+}  // namespace detail
+
+// GetX: reads field `index` converted to the token's type. A field of exactly that type in a
+// blob without a lock is read inline; everything else goes to the library.
+#define TOLVEN_DEFINE_BLOB_GET(T, C)                                                     \
+    inline blob_status Get##T(const _BLOB_INFO* blob, uint64_t index, C* out) {          \
+        if (detail::kExactField_##T != 0 && out != nullptr) {                            \
+            if (const unsigned char* p =                                                 \
+                    detail::ExactField(blob, index, detail::kExactField_##T, nullptr)) { \
+                std::memcpy(out, p, sizeof(C));                                          \
+                return BLOB_STATUS_SUCCESS;                                              \
+            }                                                                            \
+        }                                                                                \
+        return detail::Get##T##Full(blob, index, out);                                   \
+    }
+TOLVEN_BLOB_SCALAR_TOKENS(TOLVEN_DEFINE_BLOB_GET)
+#undef TOLVEN_DEFINE_BLOB_GET
 
 // GetBOOL into an int: 1 or 0 (0 also when text left the answer open).
 blob_status GetBOOL(const _BLOB_INFO* blob, uint64_t index, int* out);
@@ -124,7 +177,28 @@ TOLVEN_BLOB_ARRAY_TOKENS(TOLVEN_DECLARE_BLOB_ARRAY)
 blob_status AddStr(_BLOB_INFO* blob, const char* name, const char* text, uint64_t maxLength);
 blob_status SetStr(_BLOB_INFO* blob, uint64_t index, const char* text, uint64_t maxLength);
 blob_status SetByNameStr(_BLOB_INFO* blob, const char* name, const char* text, uint64_t maxLength);
-blob_status GetStr(const _BLOB_INFO* blob, uint64_t index, char* buffer, uint64_t size);
+// A STRING field that fits, in a blob without a lock, is copied inline.
+inline blob_status GetStr(const _BLOB_INFO* blob, uint64_t index, char* buffer, uint64_t size) {
+    uint32_t room = 0;
+    if (buffer != nullptr && size != 0) {
+        if (const unsigned char* p =
+                detail::ExactField(blob, index, BLOB_FIELD_TYPE_STRING, &room)) {
+            // Behind a text's terminator there is only 0xFF padding: a room that ends in
+            // 0 holds a text of room - 1 bytes, with no search.
+            const void* nul =
+                room != 0 && p[room - 1] == 0 ? p + room - 1 : std::memchr(p, 0, room);
+            if (nul != nullptr) {
+                const auto n = static_cast<uint64_t>(static_cast<const unsigned char*>(nul) - p);
+                if (n < size) {
+                    std::memcpy(buffer, p, static_cast<size_t>(n) + 1);
+                    buffer[size - 1] = 0;
+                    return BLOB_STATUS_SUCCESS;
+                }
+            }
+        }
+    }
+    return detail::GetStrFull(blob, index, buffer, size);
+}
 blob_status GetByNameStr(const _BLOB_INFO* blob, const char* name, char* buffer, uint64_t size);
 // The text of a STRING field in the buffer; status 2 for any other type.
 blob_status GetPtrStr(const _BLOB_INFO* blob, uint64_t index, const char** out);

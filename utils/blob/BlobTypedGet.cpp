@@ -257,7 +257,7 @@ using namespace detail;
     }
 
 #define TOLVEN_DEFINE_SCALAR_READS(T, C)                                               \
-    TOLVEN_READ_PAIR(Get##T, GetByName##T, C* out, out != nullptr,                     \
+    TOLVEN_READ_PAIR(detail::Get##T##Full, GetByName##T, C* out, out != nullptr,       \
                      [out](const FieldView& f) { return ReadScalar<Tok##T>(f, out); }) \
     TOLVEN_READ_PAIR(GetPtr##T, GetPtrByName##T, C** out, out != nullptr,              \
                      [out](const FieldView& f) { return PointTo(f, Tok##T::field, out); })
@@ -294,7 +294,7 @@ blob_status GetByNameBOOL(const _BLOB_INFO* blob, const char* name, int* out) {
     return s;
 }
 
-TOLVEN_READ_PAIR(GetStr, GetByNameStr, char* buffer TOLVEN_COMMA uint64_t size,
+TOLVEN_READ_PAIR(detail::GetStrFull, GetByNameStr, char* buffer TOLVEN_COMMA uint64_t size,
                  buffer != nullptr && size != 0,
                  [buffer, size](const FieldView& f) { return ReadText(f, buffer, size); })
 TOLVEN_READ_PAIR(GetPtrStr, GetPtrByNameStr, const char** out, out != nullptr,
