@@ -265,6 +265,13 @@ TEST(Mkdb, BlobSideReadsThroughTheConverter) {
     ASSERT_EQ(table.FindExact(0, key.blob, row.blob, &ctx), CSDB_SUCCESS);
     EXPECT_EQ(row.U64("value"), 40u);
     EXPECT_EQ(table.FindExact(1, key.blob, row.blob, &ctx), CSDB_CONVERT_FAILED);
+    // A text key: the name index reads and writes it as a STRING field.
+    Blob nameKey;
+    ASSERT_EQ(table.Begin(1, nameKey.blob, row.blob, &ctx), CSDB_SUCCESS);
+    char text[16] = {};
+    ASSERT_EQ(GetByNameStr(nameKey.blob, "name", text, sizeof text), BLOB_STATUS_SUCCESS);
+    EXPECT_STREQ(text, "n");
+    EXPECT_EQ(table.FindExact(1, nameKey.blob, row.blob, &ctx), CSDB_SUCCESS);
 
     // Walk forward and back; the key blob follows the row.
     std::vector<uint64_t> seen;

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "tolven/blob.h"
+#include "tolven/blobtyped.h"
 #include "tolven/mkdbimpl.h"
 
 namespace tabletest {
@@ -35,22 +36,12 @@ struct Name {
     char text[16];
 };
 
-// A raw UINT64 field into and out of a blob (the untyped field calls only).
+// A UINT64 field into and out of a blob, through the typed field calls.
 inline bool PutU64(_BLOB_INFO* blob, const char* field, uint64_t value) {
-    uint64_t index = 0;
-    if (TOLVEN::AddField(blob, field, TOLVEN::BLOB_FIELD_TYPE_UINT64, 8, &index) !=
-        TOLVEN::BLOB_STATUS_SUCCESS)
-        return false;
-    std::memcpy(blob->buffer + blob->fieldIndex[index].dataOffset, &value, 8);
-    return true;
+    return TOLVEN::AddU64(blob, field, value) == TOLVEN::BLOB_STATUS_SUCCESS;
 }
 inline bool TakeU64(const _BLOB_INFO* blob, const char* field, uint64_t* value) {
-    uint64_t index = 0;
-    if (TOLVEN::GetFieldNumber(blob, field, &index) != TOLVEN::BLOB_STATUS_SUCCESS ||
-        TOLVEN::GetFieldType(blob, index) != TOLVEN::BLOB_FIELD_TYPE_UINT64)
-        return false;
-    std::memcpy(value, blob->buffer + blob->fieldIndex[index].dataOffset, 8);
-    return true;
+    return TOLVEN::GetByNameU64(blob, field, value) == TOLVEN::BLOB_STATUS_SUCCESS;
 }
 
 struct IdTraits {
@@ -71,8 +62,15 @@ struct NameTraits {
     static int Compare(const Name& a, const Name& b) {
         return std::strncmp(a.text, b.text, sizeof a.text);
     }
-    static bool KeyToBlob(const Name&, _BLOB_INFO*) { return false; }
-    static bool BlobToKey(const _BLOB_INFO*, Name*) { return false; }
+    static bool KeyToBlob(const Name& key, _BLOB_INFO* blob) {
+        return TOLVEN::AddStr(blob, "name", key.text, sizeof key.text) ==
+               TOLVEN::BLOB_STATUS_SUCCESS;
+    }
+    static bool BlobToKey(const _BLOB_INFO* blob, Name* key) {
+        *key = Name{};
+        return TOLVEN::GetByNameStr(blob, "name", key->text, sizeof key->text) ==
+               TOLVEN::BLOB_STATUS_SUCCESS;
+    }
 };
 
 struct GroupTraits {
@@ -92,7 +90,10 @@ struct GroupTraits {
 
 struct RowConvert {
     bool RowToBlob(const Row& row, _BLOB_INFO* blob) {
-        return PutU64(blob, "id", row.id) && PutU64(blob, "group", row.group) &&
+        return PutU64(blob, "id", row.id) &&
+               TOLVEN::AddStr(blob, "name", row.name, sizeof row.name) ==
+                   TOLVEN::BLOB_STATUS_SUCCESS &&
+               TOLVEN::AddU32(blob, "group", row.group) == TOLVEN::BLOB_STATUS_SUCCESS &&
                PutU64(blob, "value", row.value);
     }
 };
