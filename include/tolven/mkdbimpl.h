@@ -293,7 +293,6 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
         iterator it;
         if (!Validate(ctx, &it)) return CSDB_NOT_FOUND;
         if (++it == map_.end()) return Zero(ctx, CSDB_END);
-        PrefetchNext(it);
         return Fill(it, rowOut, ctx);
     }
 
@@ -330,7 +329,6 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
             it = map_.upper_bound(High(*static_cast<const Key*>(key)));
         }
         if (it == map_.end()) return Zero(ctx, CSDB_END);
-        PrefetchNext(it);
         if (key == nullptr) return Fill(it, rowOut, ctx);
         return Found(match, it, *static_cast<Key*>(key), rowOut, ctx, CSDB_END);
     }
@@ -516,12 +514,6 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
         if (pair->second.generation != ctx->generation) return false;
         std::memcpy(static_cast<void*>(out), pair->second.self, sizeof(iterator));
         return true;
-    }
-
-    // A walk forward will want the next node's row: ask for it now, so that its fetch
-    // overlaps the work on this one (rows live apart from the nodes).
-    void PrefetchNext(iterator it) const {
-        if (++it != map_.end()) __builtin_prefetch(it->second.row);
     }
 
     static void SetSelf(iterator it) {
