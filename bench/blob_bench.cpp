@@ -335,5 +335,3 @@ void BM_Churn_Malloc(benchmark::State& state) {
 BENCHMARK(BM_Churn_Malloc);
 
 }  // namespace
-
-BENCHMARK_MAIN();

@@ -155,4 +155,3 @@ void BM_SetStr_Shorter(benchmark::State& state) {
 BENCHMARK(BM_SetStr_Shorter);
 
 }  // namespace
-BENCHMARK_MAIN();

@@ -78,5 +78,3 @@ void BM_PocoGetString(benchmark::State& state) {
 
 BENCHMARK(BM_IniReadString)->Arg(1)->Arg(0);
 BENCHMARK(BM_PocoGetString);
-
-BENCHMARK_MAIN();

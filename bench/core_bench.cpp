@@ -194,21 +194,3 @@ static void PthreadGetSpecific_Read(benchmark::State& state) {
     benchmark::DoNotOptimize(made);
 }
 BENCHMARK(PthreadGetSpecific_Read);
-
-int main(int argc, char** argv) {
-    configure_mainthread();
-    // Services are multi-threaded: a parked thread keeps the C library off its
-    // single-threaded shortcuts, so the peers pay what they pay in production.
-    auto_thread parked;
-    (void)parked.launch("parked", [] {
-        EventDetectorType* d = GetCachedDetectorType();
-        (void)d->Add(GetShutdownEvent());
-        (void)d->Wait(kInfinite);
-        d->Clear();
-        ReturnToCache(d);
-    });
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

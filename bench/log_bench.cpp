@@ -301,5 +301,3 @@ BENCHMARK(BM_Throughput_Spdlog)
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-BENCHMARK_MAIN();

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "memory/BlockAllocatorHooks.h"
+#include "bench_support.h"
 #include "tolven/blockallocator.h"
 #include "tolven/blockallocstatmngr.h"
 #include "tolven/fastblockallocator.h"
@@ -437,6 +438,8 @@ int main(int argc, char** argv) {
         execv("/proc/self/exe", argv);
     }
     LoadPeers();
+    auto_thread parked;
+    bench::ParkAThread(parked);
     // The memory file goes to the temporary folder, not beside the program.
     const std::string file = (std::filesystem::temp_directory_path() /
                               ("bench_memory_" + std::to_string(getpid()) + ".ini"))
@@ -449,5 +452,6 @@ int main(int argc, char** argv) {
     std::error_code ignored;
     std::filesystem::remove(file, ignored);
     std::filesystem::remove(file + ".bak", ignored);
+    (void)GetShutdownEvent()->Set();
     return 0;
 }

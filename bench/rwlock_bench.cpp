@@ -113,5 +113,3 @@ BENCHMARK_TEMPLATE(BM_Mixed99Read1Write, PwLock)->Threads(2)->UseRealTime();
 BENCHMARK_TEMPLATE(BM_Mixed99Read1Write, PrLock)->Threads(2)->UseRealTime();
 BENCHMARK_TEMPLATE(BM_Mixed99Read1Write, PthreadWriterFirst)->Threads(2)->UseRealTime();
 BENCHMARK_TEMPLATE(BM_Mixed99Read1Write, SharedMutex)->Threads(2)->UseRealTime();
-
-BENCHMARK_MAIN();

@@ -12,7 +12,9 @@ using namespace TOLVEN;
 
 namespace {
 
-basicsrv_status EmptyHandler(_BASICSRV_COMMAND_INFO&, void*) { return basicsrv_success; }
+basicsrv_status EmptyHandler(_BASICSRV_COMMAND_INFO&, void*) {
+    return basicsrv_success;
+}
 
 // A sink that counts its calls.
 class CountingSink : public BasicSrvEvents {
@@ -59,8 +61,10 @@ BENCHMARK(BasicSrv_ProcessCommand_TwoWordsAndArguments);
 static void EventSink_Fire10(benchmark::State& state) {
     EventSink<BasicSrvEvents> registry;
     std::vector<CountingSink> sinks(kSinks);
-    for (auto& sink : sinks) (void)registry.AddSink(&sink);
-    for (auto _ : state) registry.Fire(&BasicSrvEvents::OnBasicSrvDoMaintenance);
+    for (auto& sink : sinks)
+        (void)registry.AddSink(&sink);
+    for (auto _ : state)
+        registry.Fire(&BasicSrvEvents::OnBasicSrvDoMaintenance);
     benchmark::DoNotOptimize(sinks[0].calls);
 }
 BENCHMARK(EventSink_Fire10);
@@ -69,13 +73,13 @@ static void FunctionVectorUnderMutex_Fire10(benchmark::State& state) {
     std::mutex mutex;
     std::vector<std::function<void()>> callbacks;
     std::vector<CountingSink> sinks(kSinks);
-    for (auto& sink : sinks) callbacks.emplace_back([&sink] { sink.OnBasicSrvDoMaintenance(); });
+    for (auto& sink : sinks)
+        callbacks.emplace_back([&sink] { sink.OnBasicSrvDoMaintenance(); });
     for (auto _ : state) {
         std::lock_guard<std::mutex> guard(mutex);
-        for (auto& callback : callbacks) callback();
+        for (auto& callback : callbacks)
+            callback();
     }
     benchmark::DoNotOptimize(sinks[0].calls);
 }
 BENCHMARK(FunctionVectorUnderMutex_Fire10);
-
-BENCHMARK_MAIN();

@@ -236,22 +236,3 @@ void BM_RecordLock_Mutex(benchmark::State& state) {
 BENCHMARK(BM_RecordLock_Mutex);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    configure_mainthread();
-    // Services are multi-threaded: a parked thread keeps the C library off its
-    // single-threaded shortcuts (an uncontended std::mutex then pays its atomics).
-    auto_thread parked;
-    (void)parked.launch("parked", [] {
-        EventDetectorType* d = GetCachedDetectorType();
-        (void)d->Add(GetShutdownEvent());
-        (void)d->Wait(kInfinite);
-        d->Clear();
-        ReturnToCache(d);
-    });
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    (void)GetShutdownEvent()->Set();
-    return 0;
-}
