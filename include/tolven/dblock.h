@@ -263,7 +263,7 @@ class _record_locker : public Lock {
             }
             noRecordLocks.Reset();
             (void)this->UnlockWriter();
-            WaitNoRecordLocks(200);
+            (void)WaitForEvent(&noRecordLocks, 200);
         }
     }
     // Releases the writer lock taken by EnterExclusive.
@@ -291,16 +291,6 @@ class _record_locker : public Lock {
         const int32_t left = recordLockCount.fetch_sub(holds, std::memory_order_acq_rel) - holds;
         if (left == 0 && exclusiveWaiters.load(std::memory_order_acquire) > 0)
             (void)noRecordLocks.Set();
-    }
-
-    void WaitNoRecordLocks(uint32_t timeoutMs) {
-        EventDetectorType* detector = GetCachedDetectorType();
-        (void)detector->Add(&noRecordLocks, {});
-        detector->waiting.store(1, std::memory_order_release);
-        (void)detector->Wait(timeoutMs);
-        detector->waiting.store(0, std::memory_order_release);
-        detector->Clear();
-        ReturnToCache(detector);
     }
 };
 

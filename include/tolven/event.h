@@ -152,6 +152,8 @@ class EventDetectorType : public BaseEventDetector<Event> {
 EventDetectorType* GetCachedDetectorType();
 // Gives a detector back to the calling thread's cache, or releases it when full.
 void ReturnToCache(EventDetectorType* detector);
+// Waits up to `timeoutMs` (kInfinite: no limit) for one event through a cached detector.
+event_status WaitForEvent(Event* event, uint32_t timeoutMs);
 // The calling thread's shutdown event; the main thread's for threads without one.
 Event* GetShutdownEvent();
 

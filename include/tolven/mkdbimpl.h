@@ -1037,10 +1037,7 @@ class multikeydb_impl : public csdb {
                 _dbrow_header& header = Header(row);
                 detail::RowLatchGuard latch(header);
                 if (Locker::LockedByOther(header, detail::RecordLockThreadId())) {
-                    _dblock_handle* handle = lock_->PrepareWait(header);
-                    latch.Release();
-                    guard.Release();
-                    Locker::WaitRow(handle);
+                    WaitForHolder(header, latch, guard);
                     continue;
                 }
                 bool gone = false;
@@ -1291,6 +1288,16 @@ class multikeydb_impl : public csdb {
         return false;
     }
 
+    // For a row another thread holds (latch and table lock taken): readies the wait, lets
+    // go of both, and waits for the holder. The caller starts its operation again.
+    template <class Guard>
+    void WaitForHolder(_dbrow_header& header, detail::RowLatchGuard& latch, Guard& guard) {
+        _dblock_handle* handle = lock_->PrepareWait(header);
+        latch.Release();
+        guard.Release();
+        Locker::WaitRow(handle);
+    }
+
     // With the row's latch taken: when another thread holds the row, readies the wait,
     // releases latch and table lock, waits, and says so (the caller starts again).
     template <class Guard>
@@ -1299,10 +1306,7 @@ class multikeydb_impl : public csdb {
             _dbrow_header& header = Header(row);
             detail::RowLatchGuard latch(header);
             if (!Locker::LockedByOther(header, detail::RecordLockThreadId())) return false;
-            _dblock_handle* handle = lock_->PrepareWait(header);
-            latch.Release();
-            guard.Release();
-            Locker::WaitRow(handle);
+            WaitForHolder(header, latch, guard);
             return true;
         } else {
             (void)row, (void)guard;
@@ -1328,10 +1332,7 @@ class multikeydb_impl : public csdb {
                 detail::RowLatchGuard latch(header);
                 const uint32_t self = detail::RecordLockThreadId();
                 if (Locker::LockedByOther(header, self)) {
-                    _dblock_handle* handle = lock_->PrepareWait(header);
-                    latch.Release();
-                    guard.Release();
-                    Locker::WaitRow(handle);
+                    WaitForHolder(header, latch, guard);
                     restarted = true;
                     continue;
                 }

@@ -68,13 +68,7 @@ bool _dblock_handle::ForceUnlock(uint32_t thread) noexcept {
 }
 
 void _dblock_handle::Wait(uint32_t timeoutMs) {
-    EventDetectorType* detector = GetCachedDetectorType();
-    (void)detector->Add(&unlocked, {});
-    detector->waiting.store(1, std::memory_order_release);
-    (void)detector->Wait(timeoutMs);
-    detector->waiting.store(0, std::memory_order_release);
-    detector->Clear();
-    ReturnToCache(detector);
+    (void)WaitForEvent(&unlocked, timeoutMs);
 }
 
 bool _dblock_handle_cache::GetHandle(_dblock_handle** out) {

@@ -178,6 +178,17 @@ void ReturnToCache(EventDetectorType* detector) {
     detector->Release();
 }
 
+event_status WaitForEvent(Event* event, uint32_t timeoutMs) {
+    EventDetectorType* detector = GetCachedDetectorType();
+    (void)detector->Add(event, {});
+    detector->waiting.store(1, std::memory_order_release);
+    const event_status st = detector->Wait(timeoutMs);
+    detector->waiting.store(0, std::memory_order_release);
+    detector->Clear();
+    ReturnToCache(detector);
+    return st;
+}
+
 // ---- auto_thread -------------------------------------------------------------------------
 
 auto_thread::event_refcount* auto_thread::event_refcount::CreateObject() {
