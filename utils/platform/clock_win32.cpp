@@ -1,4 +1,5 @@
 #include "platform/clock.h"
+#include "platform/timezone.h"
 #include "platform/win32_api.h"
 
 namespace TOLVEN::platform {
@@ -24,16 +25,20 @@ uint64_t FileTimeValue(const FILETIME& ft) noexcept {
     return (static_cast<uint64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
 }
 
-// The local time from the precise system clock, to 100 ns; false without that clock.
+// The local time from the precise system clock, to 100 ns, in the process's zone (a test's
+// zone when one is set); false without that clock.
 bool PreciseLocalTime(SYSTEMTIME* local, uint32_t* nanosecond) noexcept {
     PreciseTimeFn precise = PreciseSystemTime();
     if (precise == nullptr) return false;
     FILETIME ft;
     precise(&ft);
-    SYSTEMTIME utc;
-    if (!::FileTimeToSystemTime(&ft, &utc)) return false;
-    if (!::SystemTimeToTzSpecificLocalTime(nullptr, &utc, local)) return false;
-    *nanosecond = static_cast<uint32_t>(FileTimeValue(ft) % 10000000ull) * 100u;
+    uint64_t localTicks = 0;
+    if (!UtcToLocal100ns(FileTimeValue(ft), &localTicks)) return false;
+    FILETIME localFt;
+    localFt.dwLowDateTime = static_cast<DWORD>(localTicks & 0xFFFFFFFFu);
+    localFt.dwHighDateTime = static_cast<DWORD>(localTicks >> 32);
+    if (!::FileTimeToSystemTime(&localFt, local)) return false;
+    *nanosecond = static_cast<uint32_t>(localTicks % 10000000ull) * 100u;
     return true;
 }
 

@@ -22,8 +22,9 @@ bool UtcToLocal100ns(uint64_t utc, uint64_t* local) noexcept;
 bool IsDaylightTimeNow() noexcept;
 
 // Replaces the process's zone by a POSIX TZ rule such as "EST5EDT,M3.2.0,M11.1.0", or
-// goes back to the system zone for null. For tests; not thread-safe. False where the
-// platform's zone calls do not follow a TZ rule (Windows).
+// goes back to the system zone for null. For tests; not thread-safe. False for a rule the
+// platform cannot hold: Windows zones change on a weekday of a month, so a day-of-year
+// rule ("J60", "59") or a change past midnight ("/25") is refused there.
 bool SetProcessTimeZone(const char* rule) noexcept;
 
 }  // namespace TOLVEN::platform
