@@ -32,8 +32,6 @@ inline uint32_t RecordLockThreadId() noexcept {
 #endif
     return RecordLockThreadIdSlow();
 }
-// Sleeps at least `ms` milliseconds.
-void RecordLockSleepMs(uint32_t ms) noexcept;
 
 }  // namespace detail
 
@@ -142,14 +140,15 @@ inline uintptr_t ThinWord(uint32_t thread) noexcept {
 
 }  // namespace detail
 
-// The record-lock half of a table's lock: the table's read/write lock plus the count of
-// row locks in the table and the event exclusive users wait on. The row steps below run
-// with the row's latch held. Safe for concurrent use without external locking.
-template <class Lock>
-class _record_locker : public Lock {
+// The part of a table's record locks that does not depend on its read/write lock: the row
+// steps, the count of row locks in the table and the event exclusive users wait on. The row
+// steps run with the row's latch held; the uncontended ones are inline, the rest (handles,
+// waits, erase) are out of line. Safe for concurrent use without external locking.
+class _record_locker_base {
   public:
-    static constexpr bool kEnabled = true;
-    using Lock::Lock;
+    _record_locker_base() noexcept = default;
+    _record_locker_base(const _record_locker_base&) = delete;
+    _record_locker_base& operator=(const _record_locker_base&) = delete;
 
     // True when a thread other than `thread` holds the row.
     static bool LockedByOther(const _dbrow_header& row, uint32_t thread) noexcept {
@@ -162,18 +161,10 @@ class _record_locker : public Lock {
     // Locks the row for `thread`, the caller having checked that nobody else holds it. A
     // first hold is a thin word; a second one inflates it to a handle, which then counts.
     bool LockRow(_dbrow_header& row, uint32_t thread) {
-        uintptr_t word = row.word.load(std::memory_order_relaxed);
-        int32_t count = 1;
-        if (word == 0) {
+        if (row.word.load(std::memory_order_relaxed) == 0)
             row.word.store(detail::ThinWord(thread), std::memory_order_relaxed);
-        } else {
-            if ((word & 1u) != 0) {
-                if (word != detail::ThinWord(thread)) return false;
-                word = Inflate(row, thread);
-                // The handle already counts the thin hold; this is the second.
-            }
-            if (!reinterpret_cast<_dblock_handle*>(word)->Lock(count, thread)) return false;
-        }
+        else if (!LockHeldRow(row, thread))
+            return false;
         recordLockCount.fetch_add(1, std::memory_order_acq_rel);
         return true;
     }
@@ -181,19 +172,10 @@ class _record_locker : public Lock {
     // Gives up one hold of `thread` on the row; false when it holds none.
     bool UnlockRow(_dbrow_header& row, uint32_t thread) {
         const uintptr_t word = row.word.load(std::memory_order_relaxed);
-        if (word == 0) return false;
-        if ((word & 1u) != 0) {
-            if (word != detail::ThinWord(thread)) return false;
+        if (word == detail::ThinWord(thread))
             row.word.store(0, std::memory_order_relaxed);
-        } else {
-            auto* handle = reinterpret_cast<_dblock_handle*>(word);
-            if (handle->LockCount() <= 0 || handle->OwnerThread() != thread) return false;
-            (void)handle->Unlock(thread);
-            if (handle->LockCount() == 0) {
-                row.word.store(0, std::memory_order_relaxed);
-                _dblock_handle_cache::ReleaseHandle(handle);
-            }
-        }
+        else if ((word & 1u) != 0 || word == 0 || !UnlockHandle(row, thread))
+            return false;
         CountDown(1);
         return true;
     }
@@ -201,48 +183,53 @@ class _record_locker : public Lock {
     // Readies a wait on a row another thread holds: a thin word is inflated so that the
     // owner's unlock has an event to set, and the waiter takes a reference. The caller
     // releases the latch and the table lock, then calls WaitRow.
-    _dblock_handle* PrepareWait(_dbrow_header& row) {
-        uintptr_t word = row.word.load(std::memory_order_relaxed);
-        if ((word & 1u) != 0) word = Inflate(row, static_cast<uint32_t>(word >> 1));
-        auto* handle = reinterpret_cast<_dblock_handle*>(word);
-        handle->AddRef();
-        return handle;
-    }
+    _dblock_handle* PrepareWait(_dbrow_header& row);
 
     // Waits without limit for the handle's owner to let go, then drops the waiter's
     // reference.
-    static void WaitRow(_dblock_handle* handle) {
-        handle->Wait(kInfinite);
-        _dblock_handle_cache::ReleaseHandle(handle);
-    }
+    static void WaitRow(_dblock_handle* handle);
 
     // A row being erased gives up its lock: the table's count goes down by the row's
     // holds, waiters are woken to find the row gone, and the handle is released.
     void OnRowErase(_dbrow_header& row, uint32_t thread) {
-        const uintptr_t word = row.word.load(std::memory_order_relaxed);
-        if (word == 0) return;
-        if ((word & 1u) != 0) {
-            CountDown(1);
-        } else {
-            auto* handle = reinterpret_cast<_dblock_handle*>(word);
-            const int32_t holds = handle->LockCount();
-            if (holds > 0) {
-                CountDown(holds);
-                if (handle->OwnerThread() == thread) (void)handle->ForceUnlock(thread);
-            }
-            _dblock_handle_cache::ReleaseHandle(handle);
-        }
-        row.word.store(0, std::memory_order_relaxed);
+        if (row.word.load(std::memory_order_relaxed) != 0) ReleaseErasedRow(row, thread);
     }
 
     // True when `thread` holds the row (read under the row's latch or the writer lock).
-    static bool HeldBy(const _dbrow_header& row, uint32_t thread) noexcept {
-        const uintptr_t word = row.word.load(std::memory_order_relaxed);
-        if (word == 0) return false;
-        if ((word & 1u) != 0) return word == detail::ThinWord(thread);
-        const auto* handle = reinterpret_cast<const _dblock_handle*>(word);
-        return handle->LockCount() > 0 && handle->OwnerThread() == thread;
+    static bool HeldBy(const _dbrow_header& row, uint32_t thread) noexcept;
+
+    std::atomic<int32_t> recordLockCount{0};
+    std::atomic<int32_t> exclusiveWaiters{0};
+    Event noRecordLocks{false};
+
+  protected:
+    // Waits on `noRecordLocks` for at most 200 ms, the exclusive user's step between tries.
+    void WaitForNoRecordLocks();
+    // Takes `holds` off the table's count; the last one wakes exclusive waiters.
+    void CountDown(int32_t holds) {
+        const int32_t left = recordLockCount.fetch_sub(holds, std::memory_order_acq_rel) - holds;
+        if (left == 0 && exclusiveWaiters.load(std::memory_order_acquire) > 0)
+            (void)noRecordLocks.Set();
     }
+
+  private:
+    // LockRow on a row with a word: the owner's thin word inflates to a handle with one
+    // hold, and the handle takes another. False for another owner.
+    static bool LockHeldRow(_dbrow_header& row, uint32_t thread);
+    // UnlockRow on a handle: one hold fewer, and the word cleared with the last. False for
+    // another owner or a free handle.
+    static bool UnlockHandle(_dbrow_header& row, uint32_t thread);
+    // OnRowErase for a row with a word.
+    void ReleaseErasedRow(_dbrow_header& row, uint32_t thread);
+};
+
+// The record-lock half of a table's lock: the table's read/write lock plus the row steps
+// and counts of _record_locker_base. Safe for concurrent use without external locking.
+template <class Lock>
+class _record_locker : public Lock, public _record_locker_base {
+  public:
+    static constexpr bool kEnabled = true;
+    using Lock::Lock;
 
     // Takes the writer lock with no row locked anywhere in the table. Between tries it
     // waits on `noRecordLocks` for at most 200 ms, which also covers a lock taken between
@@ -263,34 +250,13 @@ class _record_locker : public Lock {
             }
             noRecordLocks.Reset();
             (void)this->UnlockWriter();
-            (void)WaitForEvent(&noRecordLocks, 200);
+            WaitForNoRecordLocks();
         }
     }
     // Releases the writer lock taken by EnterExclusive.
     void LeaveExclusive() {
         (void)this->UnlockWriter();
         exclusiveWaiters.fetch_sub(1, std::memory_order_acq_rel);
-    }
-
-    std::atomic<int32_t> recordLockCount{0};
-    std::atomic<int32_t> exclusiveWaiters{0};
-    Event noRecordLocks{false};
-
-  private:
-    // Replaces a thin word by a handle owned by the thin owner with one hold.
-    static uintptr_t Inflate(_dbrow_header& row, uint32_t owner) {
-        _dblock_handle* handle = nullptr;
-        (void)_dblock_handle_cache::GetHandle(&handle);
-        (void)handle->Lock(1, owner);
-        const auto word = reinterpret_cast<uintptr_t>(handle);
-        row.word.store(word, std::memory_order_relaxed);
-        return word;
-    }
-
-    void CountDown(int32_t holds) {
-        const int32_t left = recordLockCount.fetch_sub(holds, std::memory_order_acq_rel) - holds;
-        if (left == 0 && exclusiveWaiters.load(std::memory_order_acquire) > 0)
-            (void)noRecordLocks.Set();
     }
 };
 

@@ -34,27 +34,26 @@
 // std::bad_alloc when it is exhausted (AddRow); every lock is held by a scope guard, so the
 // exception leaves no table or row lock behind. A key change that UpdateRow cannot undo
 // removes the row and logs "multikeydb::update() corruption!" at ERROR.
+//
+// This header declares the engine; the template bodies are in tolven/detail/mkdb_*.h and
+// what needs no template (record-lock waits, the engine's messages) is in the library.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <map>
 #include <memory>
-#include <new>
 #include <optional>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "tolven/blob.h"
 #include "tolven/blockalloclist.h"
 #include "tolven/csdb.h"
 #include "tolven/dblock.h"
+#include "tolven/detail/mkdb_guards.h"
+#include "tolven/detail/mkdb_node.h"
 #include "tolven/fastblockallocator.h"
-#include "tolven/logapi.h"
 #include "tolven/rwlock.h"
 
 namespace TOLVEN {
@@ -169,82 +168,6 @@ struct mkdbkeywrap_multi {
     const Entry* row;
 };
 
-namespace detail {
-
-// Orders key wrappers with the traits' comparison.
-template <class Traits>
-struct mkdb_key_less {
-    template <class Key, class Entry>
-    bool operator()(const mkdbkeywrap<Key, Entry>& a, const mkdbkeywrap<Key, Entry>& b) const {
-        return Traits::Compare(a.key, b.key) < 0;
-    }
-    template <class Key, class Entry>
-    bool operator()(const mkdbkeywrap_multi<Key, Entry>& a,
-                    const mkdbkeywrap_multi<Key, Entry>& b) const {
-        const int c = Traits::Compare(a.key, b.key);
-        if (c != 0) return c < 0;
-        return reinterpret_cast<uintptr_t>(a.row) < reinterpret_cast<uintptr_t>(b.row);
-    }
-};
-
-// The node pool of an index, and what the index learnt of its blocks: the size of a node
-// and the last block handed out, from which the value's offset inside a node is measured.
-struct mkdb_node_pool {
-    BlockAllocList* list = nullptr;
-    void* lastBlock = nullptr;
-    uint64_t nodeSize = 0;
-};
-
-// The index's map allocator: blocks of the index's pool, noting every block it hands out.
-// It points at the pool without holding a reference (the index holds one for the map's
-// whole life), so copies cost nothing and a copy the library forgets to destroy (a map's
-// node handle after re-insertion) leaks nothing. Not thread-safe (used under the table's
-// writer lock).
-template <class T>
-class mkdb_node_allocator {
-  public:
-    using value_type = T;
-    template <class U>
-    struct rebind {
-        using other = mkdb_node_allocator<U>;
-    };
-
-    explicit mkdb_node_allocator(mkdb_node_pool* pool) noexcept : pool(pool) {}
-    template <class U>
-    mkdb_node_allocator(const mkdb_node_allocator<U>& other) noexcept : pool(other.pool) {}
-
-    T* allocate(size_t n) {
-        void* block = pool->list->GetBlock(n * sizeof(T));
-        if (block == nullptr) throw std::bad_alloc();
-        pool->lastBlock = block;
-        pool->nodeSize = n * sizeof(T);
-        return static_cast<T*>(block);
-    }
-    void deallocate(T* block, size_t n) noexcept {
-        if (pool->list->ReleaseBlock(block, n * sizeof(T))) return;
-        // A block of the pool that it refused is not the heap's to take.
-        if (!pool->list->Owns(block)) std::free(block);
-    }
-
-    template <class U>
-    bool operator==(const mkdb_node_allocator<U>& other) const noexcept {
-        return pool == other.pool;
-    }
-
-    mkdb_node_pool* pool;
-};
-
-// What an index node holds besides its key: the row, the generation, and the node's own
-// position in the map, so that a cursor step from a node costs one increment.
-template <class Entry, size_t IteratorSize>
-struct mkdb_node_value {
-    Entry* row;
-    uint32_t generation;
-    alignas(void*) unsigned char self[IteratorSize];
-};
-
-}  // namespace detail
-
 // The ordered-map index: `Map` maps a key wrapper to a detail::mkdb_node_value.
 // Not thread-safe: the owning table's lock serialises writers and lets readers share.
 template <bool multi, class Map, class Key, class Entry, class Traits>
@@ -260,125 +183,44 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
     // An index on the pool of `allocator`'s list, made now so that readers only ever read
     // the pointer. The index holds one reference on the list until the map is gone.
     template <class Allocator>
-    explicit mkdbindeximpl(const Allocator& allocator)
-        : pool_{Hold(allocator.Shared())},
-          map_(typename Map::key_compare(), typename Map::allocator_type(&pool_)) {}
-    ~mkdbindeximpl() override {
-        detached_.reset();
-        map_.clear();
-        pool_.list->Release();
-    }
+    explicit mkdbindeximpl(const Allocator& allocator);
+    ~mkdbindeximpl() override;
 
-    csdb_status FindKey(const void* key, size_t size, Entry** rowOut, csdb_context* ctx) override {
-        if (key == nullptr || size != sizeof(Key)) return CSDB_BAD_ARGUMENT;
-        const Key& k = *static_cast<const Key*>(key);
-        iterator it = map_.lower_bound(Low(k));
-        if (it == map_.end() || Traits::Compare(it->first.key, k) != 0) return CSDB_NOT_FOUND;
-        return Fill(it, rowOut, ctx);
-    }
-
-    csdb_status FromContext(const csdb_context* ctx, Entry** rowOut) override {
-        iterator it;
-        if (!Validate(ctx, &it)) return CSDB_NOT_FOUND;
-        if (rowOut != nullptr) *rowOut = it->second.row;
-        return CSDB_SUCCESS;
-    }
-
-    csdb_status WalkFirst(Entry** rowOut, csdb_context* ctx) override {
-        if (map_.empty()) return CSDB_END;
-        return Fill(map_.begin(), rowOut, ctx);
-    }
-
-    csdb_status WalkNext(Entry** rowOut, csdb_context* ctx) override {
-        iterator it;
-        if (!Validate(ctx, &it)) return CSDB_NOT_FOUND;
-        if (++it == map_.end()) return Zero(ctx, CSDB_END);
-        return Fill(it, rowOut, ctx);
-    }
-
+    // mkdbindexbase, as documented there.
+    csdb_status FindKey(const void* key, size_t size, Entry** rowOut, csdb_context* ctx) override;
+    csdb_status FromContext(const csdb_context* ctx, Entry** rowOut) override;
+    csdb_status WalkFirst(Entry** rowOut, csdb_context* ctx) override;
+    csdb_status WalkNext(Entry** rowOut, csdb_context* ctx) override;
     csdb_status KeyBegin(void* key, size_t size, Entry** rowOut, csdb_context* ctx) override {
-        if (key != nullptr && size != sizeof(Key)) return CSDB_BAD_ARGUMENT;
-        if (map_.empty()) return Zero(ctx, CSDB_END);
-        return FillKey(map_.begin(), key, rowOut, ctx);
+        return KeyEdge(false, key, size, rowOut, ctx);
     }
-
     csdb_status KeyEnd(void* key, size_t size, Entry** rowOut, csdb_context* ctx) override {
-        if (key != nullptr && size != sizeof(Key)) return CSDB_BAD_ARGUMENT;
-        if (map_.empty()) return Zero(ctx, CSDB_END);
-        return FillKey(std::prev(map_.end()), key, rowOut, ctx);
+        return KeyEdge(true, key, size, rowOut, ctx);
     }
-
     csdb_status KeyFirst(bool match, void* key, size_t size, Entry** rowOut,
                          csdb_context* ctx) override {
-        if (key == nullptr || size != sizeof(Key)) return CSDB_BAD_ARGUMENT;
-        if (map_.empty()) return Zero(ctx, CSDB_END);
-        Key& k = *static_cast<Key*>(key);
-        iterator it = map_.lower_bound(Low(k));
-        if (it == map_.end()) return Zero(ctx, CSDB_NOT_FOUND);
-        return Found(match, it, k, rowOut, ctx, CSDB_END);
+        return KeyBound(false, match, key, size, rowOut, ctx);
     }
-
     csdb_status KeyNext(bool match, void* key, size_t size, Entry** rowOut,
-                        csdb_context* ctx) override {
-        if (key != nullptr && size != sizeof(Key)) return CSDB_BAD_ARGUMENT;
-        iterator it;
-        if (Validate(ctx, &it)) {
-            ++it;
-        } else {
-            if (key == nullptr) return CSDB_NOT_FOUND;
-            it = map_.upper_bound(High(*static_cast<const Key*>(key)));
-        }
-        if (it == map_.end()) return Zero(ctx, CSDB_END);
-        if (key == nullptr) return Fill(it, rowOut, ctx);
-        return Found(match, it, *static_cast<Key*>(key), rowOut, ctx, CSDB_END);
-    }
-
+                        csdb_context* ctx) override;
     csdb_status KeyPrev(bool match, void* key, size_t size, Entry** rowOut,
-                        csdb_context* ctx) override {
-        if (key != nullptr && size != sizeof(Key)) return CSDB_BAD_ARGUMENT;
-        iterator it;
-        if (!Validate(ctx, &it)) {
-            if (key == nullptr) return CSDB_NOT_FOUND;
-            it = map_.lower_bound(Low(*static_cast<const Key*>(key)));
-        }
-        if (it == map_.begin()) return Zero(ctx, CSDB_BEGIN);
-        --it;
-        if (key == nullptr) return Fill(it, rowOut, ctx);
-        return Found(match, it, *static_cast<Key*>(key), rowOut, ctx, CSDB_BEGIN);
-    }
-
+                        csdb_context* ctx) override;
     csdb_status KeyLast(bool match, void* key, size_t size, Entry** rowOut,
                         csdb_context* ctx) override {
-        if (key == nullptr || size != sizeof(Key)) return CSDB_BAD_ARGUMENT;
-        if (map_.empty()) return Zero(ctx, CSDB_END);
-        Key& k = *static_cast<Key*>(key);
-        iterator it = map_.upper_bound(High(k));
-        if (it == map_.begin()) return Zero(ctx, CSDB_NOT_FOUND);
-        return Found(match, std::prev(it), k, rowOut, ctx, CSDB_END);
+        return KeyBound(true, match, key, size, rowOut, ctx);
     }
-
     csdb_status KeyApprox(void*, size_t, Entry**, csdb_context*) override {
         return CSDB_NOT_SUPPORTED;
     }
-
-    csdb_status FindExact(const _BLOB_INFO* key, Entry** rowOut, csdb_context* ctx) override {
-        Key k{};
-        const csdb_status st = ReadKey(key, &k);
-        return st != CSDB_SUCCESS ? st : FindKey(&k, sizeof k, rowOut, ctx);
-    }
+    csdb_status FindExact(const _BLOB_INFO* key, Entry** rowOut, csdb_context* ctx) override;
     csdb_status Begin(_BLOB_INFO* key, Entry** rowOut, csdb_context* ctx) override {
-        Key k{};
-        return WriteKey(KeyBegin(&k, sizeof k, rowOut, ctx), k, key);
+        return BlobEdge(false, key, rowOut, ctx);
     }
     csdb_status End(_BLOB_INFO* key, Entry** rowOut, csdb_context* ctx) override {
-        Key k{};
-        return WriteKey(KeyEnd(&k, sizeof k, rowOut, ctx), k, key);
+        return BlobEdge(true, key, rowOut, ctx);
     }
     csdb_status GetFirst(bool match, _BLOB_INFO* key, Entry** rowOut, csdb_context* ctx) override {
-        Key k{};
-        const csdb_status st = ReadKey(key, &k);
-        if (st != CSDB_SUCCESS) return st;
-        return WriteKey(KeyFirst(match, &k, sizeof k, rowOut, ctx), k, match ? nullptr : key);
+        return BlobBound(&mkdbindeximpl::KeyFirst, match, key, rowOut, ctx);
     }
     csdb_status GetNext(bool match, _BLOB_INFO* key, Entry** rowOut, csdb_context* ctx) override {
         return Step(&mkdbindeximpl::KeyNext, match, key, rowOut, ctx);
@@ -387,224 +229,78 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
         return Step(&mkdbindeximpl::KeyPrev, match, key, rowOut, ctx);
     }
     csdb_status GetLast(bool match, _BLOB_INFO* key, Entry** rowOut, csdb_context* ctx) override {
-        Key k{};
-        const csdb_status st = ReadKey(key, &k);
-        if (st != CSDB_SUCCESS) return st;
-        return WriteKey(KeyLast(match, &k, sizeof k, rowOut, ctx), k, match ? nullptr : key);
+        return BlobBound(&mkdbindeximpl::KeyLast, match, key, rowOut, ctx);
     }
     csdb_status GetApprox(_BLOB_INFO*, Entry**, csdb_context*) override {
         return CSDB_NOT_SUPPORTED;
     }
-
-    csdb_status Insert(Entry* row, csdb_context* ctx) override {
-        return InsertAt(row, ctx, ++nextGeneration_);
-    }
-
-    csdb_status InsertAt(Entry* row, csdb_context* ctx, uint32_t generation) override {
-        if (row == nullptr) return CSDB_BAD_ARGUMENT;
-        Key k{};
-        Traits::MakeKey(*row, &k);
-        if (detachedRow_ == row && detached_.has_value()) {
-            detached_->key() = Wrap(k, row);
-            auto result = map_.insert(std::move(*detached_));
-            detached_.reset();
-            if (!result.inserted) {
-                detached_.emplace(std::move(result.node));
-                return CSDB_DUPLICATE_KEY;
-            }
-            detachedRow_ = nullptr;
-            SetSelf(result.position);
-            return Fill(result.position, nullptr, ctx);
-        }
-        iterator it;
-        try {
-            auto result = map_.emplace(Wrap(k, row), value_type{row, generation, {}});
-            if (!result.second) return CSDB_DUPLICATE_KEY;
-            it = result.first;
-        } catch (const std::bad_alloc&) {
-            return CSDB_OUT_OF_MEMORY;
-        }
-        if (valueOffset_ < 0)
-            valueOffset_ =
-                reinterpret_cast<const char*>(&*it) - static_cast<const char*>(pool_.lastBlock);
-        SetSelf(it);
-        inserts_.fetch_add(1, std::memory_order_relaxed);
-        return Fill(it, nullptr, ctx);
-    }
-
-    csdb_status Erase(Entry* row, csdb_context* ctx, uint32_t* outGeneration) override {
-        if (row == nullptr) return CSDB_BAD_ARGUMENT;
-        if (detachedRow_ == row && detached_.has_value()) {
-            if (outGeneration != nullptr) *outGeneration = detached_->mapped().generation;
-            detached_.reset();
-            detachedRow_ = nullptr;
-            erases_.fetch_add(1, std::memory_order_relaxed);
-            return Zero(ctx, CSDB_SUCCESS);
-        }
-        iterator it = FindRowNode(row);
-        if (it == map_.end()) return CSDB_NOT_FOUND;
-        if (outGeneration != nullptr) *outGeneration = it->second.generation;
-        map_.erase(it);
-        erases_.fetch_add(1, std::memory_order_relaxed);
-        return Zero(ctx, CSDB_SUCCESS);
-    }
-
+    csdb_status Insert(Entry* row, csdb_context* ctx) override;
+    csdb_status InsertAt(Entry* row, csdb_context* ctx, uint32_t generation) override;
+    csdb_status Erase(Entry* row, csdb_context* ctx, uint32_t* outGeneration) override;
     csdb_status EraseIfChanged(const Entry* newRow, Entry* oldRow, csdb_context* ctx,
-                               bool* outChanged) override {
-        (void)ctx;  // the node moves, so a context on it stays valid
-        if (outChanged != nullptr) *outChanged = false;
-        if (newRow == nullptr || oldRow == nullptr) return CSDB_BAD_ARGUMENT;
-        Key before{}, after{};
-        Traits::MakeKey(*oldRow, &before);
-        Traits::MakeKey(*newRow, &after);
-        if (Traits::Compare(before, after) == 0) return CSDB_SUCCESS;
-        const csdb_status st = Detach(oldRow);
-        if (st == CSDB_SUCCESS && outChanged != nullptr) *outChanged = true;
-        return st;
-    }
-
+                               bool* outChanged) override;
     size_t Size() override { return map_.size(); }
     bool IsUnique() override { return !multi; }
-    void Clear() override {
-        map_.clear();
-        detached_.reset();
-        detachedRow_ = nullptr;
-    }
+    void Clear() override;
     void SetIndexNumber(uint32_t number) override { indexNumber_ = number; }
     uint64_t InsertCount() override { return inserts_.load(std::memory_order_relaxed); }
     uint64_t EraseCount() override { return erases_.load(std::memory_order_relaxed); }
-
-    csdb_status KeyToBlob(const Entry* row, _BLOB_INFO* blob) override {
-        if (row == nullptr || blob == nullptr) return CSDB_BAD_ARGUMENT;
-        Key k{};
-        Traits::MakeKey(*row, &k);
-        return WriteKey(CSDB_SUCCESS, k, blob);
-    }
-    csdb_status KeyToBlob(const void* key, size_t size, _BLOB_INFO* blob) override {
-        if (key == nullptr || blob == nullptr || size != sizeof(Key)) return CSDB_BAD_ARGUMENT;
-        return WriteKey(CSDB_SUCCESS, *static_cast<const Key*>(key), blob);
-    }
-
-    csdb_status Detach(Entry* row) override {
-        iterator it = FindRowNode(row);
-        if (it == map_.end()) return CSDB_NOT_FOUND;
-        detached_.reset();
-        detached_.emplace(map_.extract(it));
-        detachedRow_ = row;
-        return CSDB_SUCCESS;
-    }
+    csdb_status KeyToBlob(const Entry* row, _BLOB_INFO* blob) override;
+    csdb_status KeyToBlob(const void* key, size_t size, _BLOB_INFO* blob) override;
+    csdb_status Detach(Entry* row) override;
 
   protected:
     using value_type = typename Map::mapped_type;
+    // A raw-key search or cursor step (KeyFirst, KeyLast, KeyNext or KeyPrev).
+    using step_type = csdb_status (mkdbindeximpl::*)(bool, void*, size_t, Entry**, csdb_context*);
 
-    static BlockAllocList* Hold(BlockAllocList* list) {
-        if (list == nullptr) throw std::bad_alloc();
-        list->AddRef();
-        return list;
-    }
-
+    // Adds the index's reference on its node pool; a missing pool throws std::bad_alloc.
+    static BlockAllocList* Hold(BlockAllocList* list);
     // True when the context names a live node of this index with the generation it saw.
-    bool Validate(const csdb_context* ctx, iterator* out) const {
-        if (ctx == nullptr || ctx->indexNumber != indexNumber_ || ctx->node == 0 ||
-            valueOffset_ < 0)
-            return false;
-        auto* node = reinterpret_cast<char*>(static_cast<uintptr_t>(ctx->node));
-        if (!pool_.list->IsValid(node, pool_.nodeSize)) return false;
-        auto* pair = reinterpret_cast<pair_type*>(node + valueOffset_);
-        if (pair->second.generation != ctx->generation) return false;
-        std::memcpy(static_cast<void*>(out), pair->second.self, sizeof(iterator));
-        return true;
-    }
-
-    static void SetSelf(iterator it) {
-        std::memcpy(it->second.self, static_cast<const void*>(&it), sizeof(iterator));
-    }
-
-    csdb_status Fill(iterator it, Entry** rowOut, csdb_context* ctx) const {
-        if (rowOut != nullptr) *rowOut = it->second.row;
-        if (ctx != nullptr) {
-            ctx->node = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(&*it) -
-                                              static_cast<uintptr_t>(valueOffset_));
-            ctx->reserved = 0;
-            ctx->indexNumber = indexNumber_;
-            ctx->generation = it->second.generation;
-        }
-        return CSDB_SUCCESS;
-    }
-
-    csdb_status FillKey(iterator it, void* key, Entry** rowOut, csdb_context* ctx) const {
-        if (key != nullptr) *static_cast<Key*>(key) = it->first.key;
-        return Fill(it, rowOut, ctx);
-    }
-
+    bool Validate(const csdb_context* ctx, iterator* out) const;
+    // Records a node's own position inside it.
+    static void SetSelf(iterator it);
+    // Gives the node's row and fills the context for it.
+    csdb_status Fill(iterator it, Entry** rowOut, csdb_context* ctx) const;
+    // Fill, and the node's key into `key` (may be null).
+    csdb_status FillKey(iterator it, void* key, Entry** rowOut, csdb_context* ctx) const;
     // A found row: with `match` it must carry `key` (else `miss`), without it its key is
     // written back.
     csdb_status Found(bool match, iterator it, Key& key, Entry** rowOut, csdb_context* ctx,
-                      csdb_status miss) const {
-        if (match) {
-            if (Traits::Compare(it->first.key, key) != 0) return Zero(ctx, miss);
-            return Fill(it, rowOut, ctx);
-        }
-        return FillKey(it, &key, rowOut, ctx);
-    }
-
-    static csdb_status Zero(csdb_context* ctx, csdb_status st) {
-        if (ctx != nullptr) *ctx = csdb_context{};
-        return st;
-    }
-
-    static csdb_status ReadKey(const _BLOB_INFO* blob, Key* key) {
-        if (blob == nullptr) return CSDB_BAD_ARGUMENT;
-        return Traits::BlobToKey(blob, key) ? CSDB_SUCCESS : CSDB_CONVERT_FAILED;
-    }
-
-    static csdb_status WriteKey(csdb_status st, const Key& key, _BLOB_INFO* blob) {
-        if (st != CSDB_SUCCESS || blob == nullptr) return st;
-        (void)TOLVEN::Clear(blob);
-        return Traits::KeyToBlob(key, blob) ? CSDB_SUCCESS : CSDB_CONVERT_FAILED;
-    }
-
+                      csdb_status miss) const;
+    // Zeroes the context (may be null) and gives `st`.
+    static csdb_status Zero(csdb_context* ctx, csdb_status st);
+    // The key of a blob through the traits.
+    static csdb_status ReadKey(const _BLOB_INFO* blob, Key* key);
+    // After a successful `st`, the key into the blob (may be null) through the traits.
+    static csdb_status WriteKey(csdb_status st, const Key& key, _BLOB_INFO* blob);
+    // KeyFirst (the first row at or after the key) or KeyLast (`last`: the last row at or
+    // before it).
+    csdb_status KeyBound(bool last, bool match, void* key, size_t size, Entry** rowOut,
+                         csdb_context* ctx);
+    // KeyBegin (first row) or KeyEnd (`last`).
+    csdb_status KeyEdge(bool last, void* key, size_t size, Entry** rowOut, csdb_context* ctx);
+    // Begin or End (`last`) in blob form: the found row's key into the blob.
+    csdb_status BlobEdge(bool last, _BLOB_INFO* key, Entry** rowOut, csdb_context* ctx);
+    // GetFirst or GetLast: the bound search `search` from the key blob, which without
+    // `match` is refilled with the found row's key.
+    csdb_status BlobBound(step_type search, bool match, _BLOB_INFO* key, Entry** rowOut,
+                          csdb_context* ctx);
     // A cursor step in blob form: the key blob, when given, is the fallback of a stale
     // context, and without `match` is refilled with the new row's key.
-    csdb_status Step(csdb_status (mkdbindeximpl::*step)(bool, void*, size_t, Entry**,
-                                                        csdb_context*),
-                     bool match, _BLOB_INFO* key, Entry** rowOut, csdb_context* ctx) {
-        Key k{};
-        if (key == nullptr) return (this->*step)(match, nullptr, sizeof k, rowOut, ctx);
-        if (!Traits::BlobToKey(key, &k)) {
-            // An empty key blob still lets a valid context move.
-            iterator it;
-            if (!Validate(ctx, &it)) return CSDB_CONVERT_FAILED;
-            return WriteKey((this->*step)(match, nullptr, sizeof k, rowOut, ctx), CurrentKey(ctx),
-                            match ? nullptr : key);
-        }
-        return WriteKey((this->*step)(match, &k, sizeof k, rowOut, ctx), k, match ? nullptr : key);
-    }
-
-    Key CurrentKey(const csdb_context* ctx) const {
-        iterator it;
-        return Validate(ctx, &it) ? it->first.key : Key{};
-    }
-
-    static wrap_type Wrap(const Key& key, const Entry* row) {
-        if constexpr (multi)
-            return wrap_type{key, row};
-        else
-            return wrap_type{key};
-    }
+    csdb_status Step(step_type step, bool match, _BLOB_INFO* key, Entry** rowOut,
+                     csdb_context* ctx);
+    // The key of the context's node (a default key when stale).
+    Key CurrentKey(const csdb_context* ctx) const;
+    // The wrapper of `key` for the row.
+    static wrap_type Wrap(const Key& key, const Entry* row);
     // The smallest and largest wrappers of `key`.
     static wrap_type Low(const Key& key) { return Wrap(key, nullptr); }
     static wrap_type High(const Key& key) {
         return Wrap(key, reinterpret_cast<const Entry*>(~uintptr_t{0}));
     }
-
-    iterator FindRowNode(Entry* row) {
-        Key k{};
-        Traits::MakeKey(*row, &k);
-        iterator it = map_.find(Wrap(k, row));
-        if (it != map_.end() && it->second.row != row) return map_.end();
-        return it;
-    }
+    // The row's node, found by the row's present key (end() when absent).
+    iterator FindRowNode(Entry* row);
 
     detail::mkdb_node_pool pool_;
     Map map_;
@@ -618,28 +314,6 @@ class mkdbindeximpl : public mkdbindexbase<Entry> {
     std::optional<typename Map::node_type> detached_;
     Entry* detachedRow_ = nullptr;
 };
-
-namespace detail {
-
-template <bool multi, class Key, class Entry>
-using mkdb_wrap_t =
-    std::conditional_t<multi, mkdbkeywrap_multi<Key, Entry>, mkdbkeywrap<Key, Entry>>;
-
-// Room for a map iterator, measured on a map of the same key type.
-template <bool multi, class Key, class Entry, class Traits>
-inline constexpr size_t mkdb_iterator_size = sizeof(
-    typename std::map<mkdb_wrap_t<multi, Key, Entry>, void*, mkdb_key_less<Traits>>::iterator);
-
-template <bool multi, class Key, class Entry, class Traits, class Allocator>
-using mkdb_map_t =
-    std::map<mkdb_wrap_t<multi, Key, Entry>,
-             mkdb_node_value<Entry, mkdb_iterator_size<multi, Key, Entry, Traits>>,
-             mkdb_key_less<Traits>,
-             mkdb_node_allocator<
-                 std::pair<const mkdb_wrap_t<multi, Key, Entry>,
-                           mkdb_node_value<Entry, mkdb_iterator_size<multi, Key, Entry, Traits>>>>>;
-
-}  // namespace detail
 
 // The concrete tree index: keys of type Key built from rows by Traits, nodes from a pool of
 // Allocator (a fast_allocator; `multi` allows equal keys). Not thread-safe: the owning
@@ -657,13 +331,7 @@ class treeindex
     bool IsNullable() override { return NullPolicy::kNullable; }
 
     // Checks the context and removes its node.
-    csdb_status EraseContext(csdb_context* ctx) {
-        typename base::iterator it;
-        if (!this->Validate(ctx, &it)) return CSDB_NOT_FOUND;
-        this->map_.erase(it);
-        this->erases_.fetch_add(1, std::memory_order_relaxed);
-        return base::Zero(ctx, CSDB_SUCCESS);
-    }
+    csdb_status EraseContext(csdb_context* ctx);
 };
 
 // A row of a table with record locks: the latch and lock word, then the row.
@@ -691,123 +359,6 @@ enum mkdb_step : uint32_t {
     MKDB_NEXT = 4,          // the row after the context's (or after the key)
     MKDB_PREV = 5,          // the row before the context's (or before the key)
 };
-
-namespace detail {
-
-// Holds a table's reader or writer lock for a scope. Not thread-safe.
-template <class L, bool writer>
-class mkdb_lock_guard {
-  public:
-    explicit mkdb_lock_guard(L* lock) : lock_(lock) {
-        if constexpr (writer)
-            (void)lock_->LockWriter(kInfinite);
-        else
-            (void)lock_->LockReader(kInfinite);
-    }
-    ~mkdb_lock_guard() { Release(); }
-    mkdb_lock_guard(const mkdb_lock_guard&) = delete;
-    mkdb_lock_guard& operator=(const mkdb_lock_guard&) = delete;
-    // Releases the lock now.
-    void Release() {
-        if (lock_ == nullptr) return;
-        if constexpr (writer)
-            (void)lock_->UnlockWriter();
-        else
-            (void)lock_->UnlockReader();
-        lock_ = nullptr;
-    }
-
-  private:
-    L* lock_;
-};
-
-// Holds a table for exclusive use (writer lock, no row locked) for a scope. `held()` is
-// false when the caller holds a row lock of the table itself and was refused.
-// Not thread-safe.
-template <class L>
-class mkdb_exclusive_guard {
-  public:
-    template <class HeldBySelf>
-    mkdb_exclusive_guard(L* lock, HeldBySelf&& heldBySelf)
-        : lock_(lock->EnterExclusive(heldBySelf) ? lock : nullptr) {}
-    ~mkdb_exclusive_guard() {
-        if (lock_ != nullptr) lock_->LeaveExclusive();
-    }
-    bool held() const noexcept { return lock_ != nullptr; }
-    mkdb_exclusive_guard(const mkdb_exclusive_guard&) = delete;
-    mkdb_exclusive_guard& operator=(const mkdb_exclusive_guard&) = delete;
-
-  private:
-    L* lock_;
-};
-
-// A process-wide pointer built on first use under a spin word: compare-and-swap 0 to 1,
-// 100 ms asleep between tries; the object is published with a full fence, and the fast
-// path reads the pointer without a lock. Constant-initialised, so it may be a namespace
-// static. Safe for concurrent use without external locking.
-template <class T>
-class mkdb_accessor {
-  public:
-    constexpr mkdb_accessor() noexcept = default;
-
-    // The object, made by `make()` (which returns a T* or null) when there is none yet.
-    template <class Make>
-    T* Get(Make&& make) {
-        T* object = object_.load(std::memory_order_acquire);
-        if (object != nullptr) return object;
-        Enter();
-        object = object_.load(std::memory_order_acquire);
-        if (object == nullptr) {
-            try {
-                object = make();
-            } catch (...) {
-                Leave();
-                throw;
-            }
-            // A sequentially consistent store: a full fence before the pointer is seen.
-            object_.store(object, std::memory_order_seq_cst);
-        }
-        Leave();
-        return object;
-    }
-
-    // Under the spin word: when `mayDestroy(object)` agrees (or there is no object), clears
-    // the pointer and gives the object to `destroy`. False when refused.
-    template <class MayDestroy, class DestroyFn>
-    bool Destroy(MayDestroy&& mayDestroy, DestroyFn&& destroy) {
-        Enter();
-        T* object = object_.load(std::memory_order_acquire);
-        if (object != nullptr && !mayDestroy(object)) {
-            Leave();
-            return false;
-        }
-        object_.store(nullptr, std::memory_order_release);
-        Leave();
-        if (object != nullptr) destroy(object);
-        return true;
-    }
-
-    // The object if built (no building).
-    T* Peek() const noexcept { return object_.load(std::memory_order_acquire); }
-
-  private:
-    void Enter() {
-        uint32_t expected = 0;
-        while (!spin_.compare_exchange_strong(expected, 1, std::memory_order_acquire)) {
-            expected = 0;
-            RecordLockSleepMs(100);
-        }
-    }
-    void Leave() { spin_.store(0, std::memory_order_release); }
-
-    std::atomic<uint32_t> spin_{0};
-    std::atomic<T*> object_{nullptr};
-};
-
-// Where the engine's log lines come from.
-inline constexpr const char* kMkdbLogSource = "include/mkdbimpl";
-
-}  // namespace detail
 
 // The multi-key table. `recordLocks` 1 gives every row a latch and a lock word and makes
 // readers wait for rows other threads hold (Locker is then _record_locker<Lock>); 0 stores
@@ -839,597 +390,144 @@ class multikeydb_impl : public csdb {
     // A table on a caller's lock; `owned` makes the table delete it.
     multikeydb_impl(Locker* lock, bool owned) : lock_(lock), ownsLock_(owned) {}
     // Erases the rows, deletes the owned indexes and the owned lock.
-    ~multikeydb_impl() override {
-        ClearRows();
-        for (size_t i = 0; i < indexes_.size(); ++i)
-            if (owned_[i]) delete indexes_[i];
-        if (ownsLock_) delete lock_;
-    }
+    ~multikeydb_impl() override;
     multikeydb_impl(const multikeydb_impl&) = delete;
     multikeydb_impl& operator=(const multikeydb_impl&) = delete;
 
     // Adds `index` as number `number`, filled with the rows already in the table; `owned`
     // makes the table delete it. Waits until no row of the table is locked. An index that is
     // refused (any status but CSDB_SUCCESS) stays the caller's.
-    csdb_status AddIndex(index_type* index, uint32_t number, bool owned) {
-        if (index == nullptr) return CSDB_BAD_ARGUMENT;
-        if (indexCount_.load(std::memory_order_acquire) >= Policy::kMaxIndexes ||
-            number >= Policy::kMaxIndexes)
-            return CSDB_TOO_MANY_INDEXES;
-        if (number == 0 && index->IsNullable()) return CSDB_NULLABLE_FIRST_INDEX;
-        index->Clear();
-        detail::mkdb_exclusive_guard<Locker> guard(lock_, [this] { return HoldsARow(); });
-        if (!guard.held()) {
-            TOLVEN_LOG(LOGGER_ERROR, detail::kMkdbLogSource, "TOLVEN::multikeydb_impl::AddIndex",
-                       "multikeydb: AddIndex() called while this thread holds a record lock");
-            return CSDB_RECORD_LOCK_HELD;
-        }
-        if (indexCount_.load(std::memory_order_relaxed) >= Policy::kMaxIndexes)
-            return CSDB_TOO_MANY_INDEXES;
-        if (number < indexes_.size() && indexes_[number] != nullptr) return CSDB_DUPLICATE_KEY;
-        index->SetIndexNumber(number);
-        if (index_type* source = FirstIndex(true); source != nullptr && source->Size() > 0) {
-            Entry* row = nullptr;
-            csdb_context ctx{};
-            csdb_status st = source->WalkFirst(&row, &ctx);
-            while (st == CSDB_SUCCESS) {
-                const csdb_status inserted = index->Insert(row, nullptr);
-                if (inserted != CSDB_SUCCESS && inserted != CSDB_KEY_NULL) {
-                    index->Clear();
-                    return inserted;
-                }
-                st = source->WalkNext(&row, &ctx);
-            }
-            if (st != CSDB_END) {
-                index->Clear();
-                return st;
-            }
-        }
-        try {
-            if (number >= indexes_.size()) {
-                indexes_.resize(number + 1, nullptr);
-                owned_.resize(number + 1, false);
-            }
-        } catch (const std::bad_alloc&) {
-            index->Clear();
-            return CSDB_OUT_OF_MEMORY;
-        }
-        indexes_[number] = index;
-        owned_[number] = owned;
-        indexCount_.fetch_add(1, std::memory_order_acq_rel);
-        indexSlots_ = static_cast<uint32_t>(indexes_.size());
-        return CSDB_SUCCESS;
-    }
-
+    csdb_status AddIndex(index_type* index, uint32_t number, bool owned);
     // Copies `request.row` into the table and every index. With `lockRow` the new row is
     // locked for this thread. Throws std::bad_alloc when the row pool is exhausted.
-    csdb_status AddRow(const mkdb_add_request<Entry>& request, bool lockRow) {
-        write_guard guard(lock_);
-        if (indexCount_.load(std::memory_order_relaxed) == 0) return CSDB_NOT_OPEN;
-        if (request.row == nullptr) return CSDB_BAD_ARGUMENT;
-        Entry* row = NewRow(*request.row);
-        bool indexed = false;
-        for (size_t i = 0; i < indexes_.size(); ++i) {
-            if (indexes_[i] == nullptr) continue;
-            csdb_context* ctx =
-                request.ctx != nullptr && request.contextIndex == i ? request.ctx : nullptr;
-            const csdb_status st = indexes_[i]->Insert(row, ctx);
-            if (st == CSDB_KEY_NULL) continue;
-            if (st != CSDB_SUCCESS) {
-                (void)EraseRow(row);
-                if (request.ctx != nullptr) *request.ctx = csdb_context{};
-                return st;
-            }
-            indexed = true;
-        }
-        if (!indexed) {
-            (void)EraseRow(row);
-            return CSDB_NO_SUCH_INDEX;
-        }
-        if constexpr (kLocks) {
-            if (lockRow) {
-                _dbrow_header& header = Header(row);
-                detail::RowLatchGuard latch(header);
-                (void)lock_->LockRow(header, detail::RecordLockThreadId());
-            }
-        } else {
-            (void)lockRow;
-        }
-        return CSDB_SUCCESS;
-    }
-
+    csdb_status AddRow(const mkdb_add_request<Entry>& request, bool lockRow);
     // Copies the row whose key equals `key` into `*outRow` (may be null). With `lockRow`
     // the row is also locked for this thread. Waits while another thread holds the row.
     csdb_status FindRow(unsigned int index, const void* key, size_t size, Entry* outRow,
-                        csdb_context* ctx, bool lockRow) {
-        return ReadRow(
-            index,
-            [&](index_type* ix, Entry** row, bool) { return ix->FindKey(key, size, row, ctx); },
-            [&](Entry* row) {
-                if (outRow != nullptr) *outRow = *row;
-                return CSDB_SUCCESS;
-            },
-            lockRow);
-    }
-
+                        csdb_context* ctx, bool lockRow);
     // A typed cursor step over index `index`: `key` (of the index's key size) is the start
     // of a bound search and, for MKDB_NEXT and MKDB_PREV, the fallback of a stale context;
     // it receives the found row's key. The row is copied into `*outRow` (may be null).
     csdb_status StepRow(unsigned int index, mkdb_step step, void* key, size_t size, Entry* outRow,
-                        csdb_context* ctx, bool lockRow) {
-        return ReadRow(
-            index,
-            [&](index_type* ix, Entry** row, bool restarted) -> csdb_status {
-                if (restarted && (step == MKDB_NEXT || step == MKDB_PREV) &&
-                    ix->FromContext(ctx, row) == CSDB_SUCCESS)
-                    return CSDB_SUCCESS;
-                switch (step) {
-                    case MKDB_BEGIN:
-                        return ix->KeyBegin(key, size, row, ctx);
-                    case MKDB_END:
-                        return ix->KeyEnd(key, size, row, ctx);
-                    case MKDB_AT_OR_AFTER:
-                        return ix->KeyFirst(false, key, size, row, ctx);
-                    case MKDB_AT_OR_BEFORE:
-                        return ix->KeyLast(false, key, size, row, ctx);
-                    case MKDB_NEXT:
-                        return ix->KeyNext(false, key, size, row, ctx);
-                    case MKDB_PREV:
-                        return ix->KeyPrev(false, key, size, row, ctx);
-                }
-                return CSDB_BAD_ARGUMENT;
-            },
-            [&](Entry* row) {
-                if (outRow != nullptr) *outRow = *row;
-                return CSDB_SUCCESS;
-            },
-            lockRow);
-    }
-
+                        csdb_context* ctx, bool lockRow);
     // Deletes every row whose key in `index` equals `key`: CSDB_SUCCESS when one went,
     // CSDB_END or CSDB_NOT_FOUND when none matched. Waits for rows other threads hold.
-    csdb_status DeleteByKey(unsigned int index, const void* key, size_t size, csdb_context* ctx) {
-        (void)ctx;
-        return DeleteMatching(
-            index, [&](index_type* ix, bool first, Entry** row, csdb_context* at) {
-                void* k = const_cast<void*>(key);  // a matching search leaves the key alone
-                return first ? ix->KeyFirst(true, k, size, row, at)
-                             : ix->KeyNext(true, k, size, row, at);
-            });
-    }
-
+    csdb_status DeleteByKey(unsigned int index, const void* key, size_t size, csdb_context* ctx);
     // Gives up one hold of this thread's lock on the context's row: CSDB_NOT_LOCK_OWNER
     // when this thread holds none.
-    csdb_status UnlockRecord(csdb_context* ctx) {
-        if (ctx == nullptr) return CSDB_BAD_ARGUMENT;
-        read_guard guard(lock_);
-        index_type* ix = IndexAt(ctx->indexNumber);
-        if (ix == nullptr) return CSDB_NO_SUCH_INDEX;
-        Entry* row = nullptr;
-        const csdb_status st = ix->FromContext(ctx, &row);
-        if (st != CSDB_SUCCESS) return st;
-        if constexpr (kLocks) {
-            _dbrow_header& header = Header(row);
-            detail::RowLatchGuard latch(header);
-            const uint32_t self = detail::RecordLockThreadId();
-            if (Locker::LockedByOther(header, self) || !lock_->UnlockRow(header, self))
-                return CSDB_NOT_LOCK_OWNER;
-            return CSDB_SUCCESS;
-        } else {
-            return CSDB_NOT_LOCK_OWNER;
-        }
-    }
-
+    csdb_status UnlockRecord(csdb_context* ctx);
     // Replaces the context's row by `newRow` in place, keeping every index consistent. A
     // key that changes moves the row's node in that index; contexts on the row stay valid.
     // A duplicate key rolls the row back and is the result. Waits while another thread
     // holds the row.
-    csdb_status UpdateRow(csdb_context* ctx, const Entry* newRow) {
-        if (ctx == nullptr || newRow == nullptr) return CSDB_BAD_ARGUMENT;
-        for (;;) {
-            write_guard guard(lock_);
-            index_type* ix = IndexAt(ctx->indexNumber);
-            if (ix == nullptr) return CSDB_NO_SUCH_INDEX;
-            Entry* row = nullptr;
-            const csdb_status found = ix->FromContext(ctx, &row);
-            if (found != CSDB_SUCCESS) return found;
-            if constexpr (kLocks) {
-                _dbrow_header& header = Header(row);
-                detail::RowLatchGuard latch(header);
-                if (Locker::LockedByOther(header, detail::RecordLockThreadId())) {
-                    WaitForHolder(header, latch, guard);
-                    continue;
-                }
-                bool gone = false;
-                const csdb_status st = UpdateLocked(ctx, row, *newRow, &gone);
-                if (gone) {
-                    latch.Release();
-                    (void)EraseRow(row);
-                }
-                return st;
-            } else {
-                bool gone = false;
-                const csdb_status st = UpdateLocked(ctx, row, *newRow, &gone);
-                if (gone) (void)EraseRow(row);
-                return st;
-            }
-        }
-    }
+    csdb_status UpdateRow(csdb_context* ctx, const Entry* newRow);
 
-    // ---- csdb --------------------------------------------------------------------------
-
+    // csdb, as documented there. Rows are added through AddRow and changed through
+    // UpdateRow only: Add and Update answer CSDB_CONVERT_FAILED. Clear erases every row
+    // once no row is locked; CSDB_RECORD_LOCK_HELD (logged) when this thread holds a row
+    // lock in the table, since it would wait for itself.
     csdb_status FindExact(unsigned int index, const _BLOB_INFO* key, _BLOB_INFO* row,
-                          csdb_context* ctx) override {
-        return ReadBlob(index, row, [&](index_type* ix, Entry** r, bool) {
-            return ix->FindExact(key, r, ctx);
-        });
-    }
+                          csdb_context* ctx) override;
     csdb_status Begin(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
                       csdb_context* ctx) override {
-        return ReadBlob(index, row,
-                        [&](index_type* ix, Entry** r, bool) { return ix->Begin(key, r, ctx); });
+        return ReadBy(&index_type::Begin, index, key, row, ctx);
     }
     csdb_status End(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
                     csdb_context* ctx) override {
-        return ReadBlob(index, row,
-                        [&](index_type* ix, Entry** r, bool) { return ix->End(key, r, ctx); });
+        return ReadBy(&index_type::End, index, key, row, ctx);
     }
     csdb_status GetFirst(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
                          csdb_context* ctx) override {
-        return ReadBlob(index, row, [&](index_type* ix, Entry** r, bool) {
-            return ix->GetFirst(false, key, r, ctx);
-        });
+        return ReadFromKey(&index_type::GetFirst, false, index, key, row, ctx);
     }
     csdb_status GetNext(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
                         csdb_context* ctx) override {
-        return ReadBlob(index, row, [&](index_type* ix, Entry** r, bool restarted) {
-            if (restarted && ix->FromContext(ctx, r) == CSDB_SUCCESS) return CSDB_SUCCESS;
-            return ix->GetNext(false, key, r, ctx);
-        });
+        return ReadFromKey(&index_type::GetNext, true, index, key, row, ctx);
     }
     csdb_status GetPrev(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
                         csdb_context* ctx) override {
-        return ReadBlob(index, row, [&](index_type* ix, Entry** r, bool restarted) {
-            if (restarted && ix->FromContext(ctx, r) == CSDB_SUCCESS) return CSDB_SUCCESS;
-            return ix->GetPrev(false, key, r, ctx);
-        });
+        return ReadFromKey(&index_type::GetPrev, true, index, key, row, ctx);
     }
     csdb_status GetLast(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
                         csdb_context* ctx) override {
-        return ReadBlob(index, row, [&](index_type* ix, Entry** r, bool) {
-            return ix->GetLast(false, key, r, ctx);
-        });
+        return ReadFromKey(&index_type::GetLast, false, index, key, row, ctx);
     }
     csdb_status GetApprox(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
                           csdb_context* ctx) override {
-        return ReadBlob(index, row, [&](index_type* ix, Entry** r, bool) {
-            return ix->GetApprox(key, r, ctx);
-        });
+        return ReadBy(&index_type::GetApprox, index, key, row, ctx);
     }
-    // Rows are added through AddRow only.
-    csdb_status Add(const _BLOB_INFO* row, csdb_context* ctx) override {
-        (void)ctx;
-        return row == nullptr ? CSDB_BAD_ARGUMENT : CSDB_CONVERT_FAILED;
-    }
-    csdb_status DeleteAll(unsigned int index, const _BLOB_INFO* key, csdb_context* ctx) override {
-        (void)ctx;
-        if (key == nullptr) return CSDB_BAD_ARGUMENT;
-        auto* k = const_cast<_BLOB_INFO*>(key);  // a matching search leaves the key alone
-        return DeleteMatching(
-            index, [&](index_type* ix, bool first, Entry** row, csdb_context* at) {
-                return first ? ix->GetFirst(true, k, row, at) : ix->GetNext(true, k, row, at);
-            });
-    }
-    csdb_status DeleteItem(csdb_context* ctx) override {
-        if (ctx == nullptr) return CSDB_BAD_ARGUMENT;
-        for (;;) {
-            write_guard guard(lock_);
-            index_type* ix = IndexAt(ctx->indexNumber);
-            if (ix == nullptr) return CSDB_NO_SUCH_INDEX;
-            Entry* row = nullptr;
-            const csdb_status st = ix->FromContext(ctx, &row);
-            if (st != CSDB_SUCCESS) return st;
-            if (WaitIfLocked(row, guard)) continue;
-            *ctx = csdb_context{};
-            return EraseRow(row);
-        }
-    }
-    // Rows are changed through UpdateRow only.
+    csdb_status Add(const _BLOB_INFO* row, csdb_context* ctx) override;
+    csdb_status DeleteAll(unsigned int index, const _BLOB_INFO* key, csdb_context* ctx) override;
+    csdb_status DeleteItem(csdb_context* ctx) override;
     csdb_status Update(unsigned int index, const _BLOB_INFO* key, const _BLOB_INFO* row,
-                       csdb_context* ctx) override {
-        (void)index, (void)row, (void)ctx;
-        return key == nullptr ? CSDB_BAD_ARGUMENT : CSDB_CONVERT_FAILED;
-    }
-    size_t NumIndexes() override {
-        read_guard guard(lock_);
-        return indexCount_.load(std::memory_order_relaxed);
-    }
-    size_t Count() override {
-        read_guard guard(lock_);
-        index_type* ix = FirstIndex(true);
-        return ix == nullptr ? 0 : ix->Size();
-    }
-    // Erases every row, once no row is locked. CSDB_RECORD_LOCK_HELD (logged) when this
-    // thread holds a row lock in the table, since it would wait for itself.
-    csdb_status Clear() override {
-        detail::mkdb_exclusive_guard<Locker> guard(lock_, [this] { return HoldsARow(); });
-        if (!guard.held()) {
-            TOLVEN_LOG(LOGGER_ERROR, detail::kMkdbLogSource, "TOLVEN::multikeydb_impl::Clear",
-                       "multikeydb: Clear() called while this thread holds a record lock");
-            return CSDB_RECORD_LOCK_HELD;
-        }
-        ClearRows();
-        return CSDB_SUCCESS;
-    }
+                       csdb_context* ctx) override;
+    size_t NumIndexes() override;
+    size_t Count() override;
+    csdb_status Clear() override;
 
     // The table's lock (for inspection and the typed wrappers).
     Locker* GetLock() const noexcept { return lock_; }
     // Index slots (the highest number in use plus one).
     uint32_t IndexSlots() const noexcept { return indexSlots_; }
-
     // The lock word of a row handed out by this table (inspection; meaningful under the
     // row's latch or with the table quiet).
-    static uintptr_t LockWordOf(const Entry* row) noexcept {
-        if constexpr (kLocks)
-            return Header(const_cast<Entry*>(row)).word.load(std::memory_order_relaxed);
-        else
-            return 0;
-    }
+    static uintptr_t LockWordOf(const Entry* row) noexcept;
 
   private:
-    static _dbrow_header& Header(Entry* row) noexcept {
-        // The row follows a 16-byte, 8-aligned header: it starts 16 bytes in.
-        return *reinterpret_cast<_dbrow_header*>(reinterpret_cast<char*>(row) -
-                                                 sizeof(_dbrow_header));
-    }
     static_assert(sizeof(_dbrow_header) == 16, "the row header is two words");
 
-    index_type* IndexAt(unsigned int number) const {
-        return number < indexes_.size() ? indexes_[number] : nullptr;
-    }
+    // The header in front of a row of a table with record locks.
+    static _dbrow_header& Header(Entry* row) noexcept;
+    // The index of that number, or null.
+    index_type* IndexAt(unsigned int number) const;
     // The first index in number order, skipping nullable ones when asked.
-    index_type* FirstIndex(bool notNullable) const {
-        for (index_type* ix : indexes_)
-            if (ix != nullptr && !(notNullable && ix->IsNullable())) return ix;
-        return nullptr;
-    }
-
-    Entry* NewRow(const Entry& source) {
-        stored_type* block = rows_.allocate(1);
-        if constexpr (kLocks) {
-            new (&block->header) _dbrow_header();
-            try {
-                new (&block->entry) Entry(source);
-            } catch (...) {
-                rows_.deallocate(block, 1);
-                throw;
-            }
-            return &block->entry;
-        } else {
-            try {
-                return new (block) Entry(source);
-            } catch (...) {
-                rows_.deallocate(block, 1);
-                throw;
-            }
-        }
-    }
-
+    index_type* FirstIndex(bool notNullable) const;
+    // A row from the pool, copied from `source` (with a cleared header).
+    Entry* NewRow(const Entry& source);
     // Takes the row out of every index, gives up its record lock and returns it to the
     // pool. CSDB_NOT_INDEXED when no index held it. Writer lock held, latch not held.
-    csdb_status EraseRow(Entry* row) {
-        csdb_status result = CSDB_NOT_INDEXED;
-        for (index_type* ix : indexes_) {
-            if (ix == nullptr) continue;
-            uint32_t generation = 0;
-            if (ix->Erase(row, nullptr, &generation) == CSDB_SUCCESS) result = CSDB_SUCCESS;
-        }
-        FreeRow(row);
-        return result;
-    }
-
+    csdb_status EraseRow(Entry* row);
     // Gives up the row's record lock and returns it to the pool; no index holds it now.
-    void FreeRow(Entry* row) {
-        row->~Entry();
-        if constexpr (kLocks) {
-            _dbrow_header& header = Header(row);
-            {
-                detail::RowLatchGuard latch(header);
-                lock_->OnRowErase(header, detail::RecordLockThreadId());
-            }
-            header.~_dbrow_header();
-            rows_.deallocate(reinterpret_cast<stored_type*>(&header), 1);
-        } else {
-            rows_.deallocate(row, 1);
-        }
-    }
-
+    void FreeRow(Entry* row);
     // Erases every row: the rows are collected from the first index, every index is
     // emptied at once, and each row gives up its record lock and goes back to the pool.
     // The same end as erasing row by row, without a search per row and index.
-    void ClearRows() {
-        index_type* first = FirstIndex(true);
-        if (first == nullptr || first->Size() == 0) return;
-        std::vector<Entry*> rows;
-        try {
-            rows.reserve(first->Size());
-            Entry* row = nullptr;
-            csdb_context at{};
-            for (csdb_status st = first->WalkFirst(&row, &at); st == CSDB_SUCCESS;
-                 st = first->WalkNext(&row, &at))
-                rows.push_back(row);
-        } catch (const std::bad_alloc&) {
-            // No room for the list: erase row by row instead.
-            for (Entry* row = nullptr; first->WalkFirst(&row, nullptr) == CSDB_SUCCESS;)
-                if (EraseRow(row) == CSDB_NOT_INDEXED) break;
-            return;
-        }
-        for (index_type* ix : indexes_)
-            if (ix != nullptr) ix->Clear();
-        for (Entry* row : rows)
-            FreeRow(row);
-    }
-
+    void ClearRows();
     // True when the calling thread holds a lock on a row of the table (writer lock held).
-    bool HoldsARow() {
-        if constexpr (kLocks) {
-            index_type* first = FirstIndex(true);
-            if (first == nullptr) return false;
-            const uint32_t self = detail::RecordLockThreadId();
-            Entry* row = nullptr;
-            csdb_context at{};
-            for (csdb_status st = first->WalkFirst(&row, &at); st == CSDB_SUCCESS;
-                 st = first->WalkNext(&row, &at)) {
-                _dbrow_header& header = Header(row);
-                detail::RowLatchGuard latch(header);
-                if (Locker::HeldBy(header, self)) return true;
-            }
-        }
-        return false;
-    }
-
+    bool HoldsARow();
     // For a row another thread holds (latch and table lock taken): readies the wait, lets
     // go of both, and waits for the holder. The caller starts its operation again.
     template <class Guard>
-    void WaitForHolder(_dbrow_header& header, detail::RowLatchGuard& latch, Guard& guard) {
-        _dblock_handle* handle = lock_->PrepareWait(header);
-        latch.Release();
-        guard.Release();
-        Locker::WaitRow(handle);
-    }
-
+    void WaitForHolder(_dbrow_header& header, detail::RowLatchGuard& latch, Guard& guard);
     // With the row's latch taken: when another thread holds the row, readies the wait,
     // releases latch and table lock, waits, and says so (the caller starts again).
     template <class Guard>
-    bool WaitIfLocked(Entry* row, Guard& guard) {
-        if constexpr (kLocks) {
-            _dbrow_header& header = Header(row);
-            detail::RowLatchGuard latch(header);
-            if (!Locker::LockedByOther(header, detail::RecordLockThreadId())) return false;
-            WaitForHolder(header, latch, guard);
-            return true;
-        } else {
-            (void)row, (void)guard;
-            return false;
-        }
-    }
-
+    bool WaitIfLocked(Entry* row, Guard& guard);
     // The read path: search under the reader lock, then with the row's latch either wait
     // for a row another thread holds and search again, or hand the row to `use` (and lock
     // it for this thread when asked).
     template <class Search, class Use>
-    csdb_status ReadRow(unsigned int index, Search&& search, Use&& use, bool lockRow) {
-        bool restarted = false;
-        for (;;) {
-            read_guard guard(lock_);
-            index_type* ix = IndexAt(index);
-            if (ix == nullptr) return CSDB_NO_SUCH_INDEX;
-            Entry* row = nullptr;
-            const csdb_status st = search(ix, &row, restarted);
-            if (st != CSDB_SUCCESS) return st;
-            if constexpr (kLocks) {
-                _dbrow_header& header = Header(row);
-                detail::RowLatchGuard latch(header);
-                const uint32_t self = detail::RecordLockThreadId();
-                if (Locker::LockedByOther(header, self)) {
-                    WaitForHolder(header, latch, guard);
-                    restarted = true;
-                    continue;
-                }
-                const csdb_status used = use(row);
-                if (used == CSDB_SUCCESS && lockRow) (void)lock_->LockRow(header, self);
-                return used;
-            } else {
-                (void)lockRow;
-                return use(row);
-            }
-        }
-    }
-
+    csdb_status ReadRow(unsigned int index, Search&& search, Use&& use, bool lockRow);
+    // The read path of the csdb calls: the row, when asked for, into a cleared blob.
     template <class Search>
-    csdb_status ReadBlob(unsigned int index, _BLOB_INFO* blob, Search&& search) {
-        return ReadRow(
-            index, search,
-            [&](Entry* row) {
-                if (blob == nullptr) return CSDB_SUCCESS;
-                (void)TOLVEN::Clear(blob);
-                return convert_.RowToBlob(*row, blob) ? CSDB_SUCCESS : CSDB_CONVERT_FAILED;
-            },
-            false);
-    }
-
+    csdb_status ReadBlob(unsigned int index, _BLOB_INFO* blob, Search&& search);
+    // A blob read through the index's keyless search `search` (Begin, End, GetApprox).
+    csdb_status ReadBy(csdb_status (index_type::*search)(_BLOB_INFO*, Entry**, csdb_context*),
+                       unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row, csdb_context* ctx);
+    // A blob read through the index's search from a key (GetFirst, GetNext, GetPrev,
+    // GetLast); a cursor step (`resumes`) goes on from the context's row after a wait.
+    csdb_status ReadFromKey(csdb_status (index_type::*search)(bool, _BLOB_INFO*, Entry**,
+                                                              csdb_context*),
+                            bool resumes, unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
+                            csdb_context* ctx);
     // Erases the rows a matching search finds; `search(ix, first, row, ctx)` starts it
     // (first) or steps it. A row another thread holds is waited for, and the search starts
     // again from the key.
     template <class Search>
-    csdb_status DeleteMatching(unsigned int index, Search&& search) {
-        uint64_t erased = 0;
-        for (;;) {
-            write_guard guard(lock_);
-            index_type* ix = IndexAt(index);
-            if (ix == nullptr) return CSDB_NO_SUCH_INDEX;
-            Entry* row = nullptr;
-            csdb_context at{};
-            csdb_status st = search(ix, true, &row, &at);
-            bool restart = false;
-            while (st == CSDB_SUCCESS) {
-                if (WaitIfLocked(row, guard)) {
-                    restart = true;
-                    break;
-                }
-                Entry* next = nullptr;
-                st = search(ix, false, &next, &at);
-                (void)EraseRow(row);
-                ++erased;
-                row = next;
-            }
-            if (restart) continue;
-            return st == CSDB_END && erased > 0 ? CSDB_SUCCESS : st;
-        }
-    }
-
+    csdb_status DeleteMatching(unsigned int index, Search&& search);
     // UpdateRow's body, writer lock and latch held. `*gone` asks the caller to erase the
     // row after a roll-back that failed.
-    csdb_status UpdateLocked(csdb_context* ctx, Entry* row, const Entry& newRow, bool* gone) {
-        uint32_t moved = 0;  // indexes whose key changed, by bit
-        for (size_t i = 0; i < indexes_.size(); ++i) {
-            if (indexes_[i] == nullptr) continue;
-            bool changed = false;
-            csdb_context* own = ctx->indexNumber == i ? ctx : nullptr;
-            if (indexes_[i]->EraseIfChanged(&newRow, row, own, &changed) == CSDB_SUCCESS && changed)
-                moved |= uint32_t{1} << i;
-        }
-        Entry saved(*row);
-        *row = newRow;
-        csdb_status result = CSDB_SUCCESS;
-        uint32_t back = 0;  // indexes the row is back in
-        for (size_t i = 0; i < indexes_.size() && result == CSDB_SUCCESS; ++i) {
-            if ((moved & (uint32_t{1} << i)) == 0) continue;
-            csdb_context* own = ctx->indexNumber == i ? ctx : nullptr;
-            const csdb_status st = indexes_[i]->InsertAt(row, own, 0);
-            if (st == CSDB_SUCCESS || st == CSDB_KEY_NULL)
-                back |= uint32_t{1} << i;
-            else
-                result = st;
-        }
-        if (result == CSDB_SUCCESS) return CSDB_SUCCESS;
-        // Roll back: take the moved nodes out again, restore the row, put them back.
-        bool repaired = true;
-        for (size_t i = 0; i < indexes_.size(); ++i)
-            if ((back & (uint32_t{1} << i)) != 0 && indexes_[i]->Detach(row) != CSDB_SUCCESS)
-                repaired = false;
-        *row = saved;
-        for (size_t i = 0; i < indexes_.size(); ++i)
-            if ((moved & (uint32_t{1} << i)) != 0 &&
-                indexes_[i]->InsertAt(row, nullptr, 0) != CSDB_SUCCESS)
-                repaired = false;
-        if (!repaired) {
-            TOLVEN_LOG(LOGGER_ERROR, detail::kMkdbLogSource, "TOLVEN::multikeydb_impl::UpdateRow",
-                       "multikeydb::update() corruption!");
-            *gone = true;
-        }
-        return result;
-    }
+    csdb_status UpdateLocked(csdb_context* ctx, Entry* row, const Entry& newRow, bool* gone);
 
     std::vector<index_type*> indexes_;
     std::vector<bool> owned_;
@@ -1460,3 +558,7 @@ class multikeydb_rl : public multikeydb_impl<1, Entry, Convert, Lock, Allocator,
 };
 
 }  // namespace TOLVEN
+
+// The bodies of the templates above.
+#include "tolven/detail/mkdb_index_impl.h"
+#include "tolven/detail/mkdb_table_impl.h"

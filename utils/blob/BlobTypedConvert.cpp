@@ -4,7 +4,8 @@
 #include <charconv>
 #include <cmath>
 
-#include "blob/blob_typed.h"
+#include "blob/blob_convert.h"
+#include "blob/blob_internal.h"
 #include "tolven/blobtime.h"
 
 namespace TOLVEN::detail {

@@ -93,6 +93,14 @@ inline uint32_t FixedTypeSize(uint32_t type) noexcept {
 inline uint32_t ArrayElementSize(uint32_t type) noexcept {
     return type < 128 ? kBlobTypes[type].elementSize : 0;
 }
+// The scalar type of an array type's elements (14-23 give 3-12).
+inline constexpr uint32_t ElementScalarType(uint32_t arrayType) noexcept {
+    return arrayType - (BLOB_FIELD_TYPE_INT8_ARRAY - BLOB_FIELD_TYPE_INT8);
+}
+// True for the numeric array types (14-23).
+inline constexpr bool IsNumericArrayType(uint32_t type) noexcept {
+    return type >= BLOB_FIELD_TYPE_INT8_ARRAY && type <= BLOB_FIELD_TYPE_FLOAT64_ARRAY;
+}
 // True for the types that may carry 0xFF padding.
 inline bool IsVariableType(uint32_t type) noexcept {
     return type < 128 && kBlobTypes[type].variable != 0;

@@ -1,6 +1,7 @@
-// Internals of typed field access shared by its units: the token table, the field view, the
-// number conversions, the locale-free text parsers and formatters, and the cores that the
-// exported families are generated from.
+// The inline fast path of typed field access, shared by its units: the token table, the view
+// of a field, the number conversions, and the cores that the exported families are generated
+// from. Text parsing and formatting are the converting path's (blob_convert.h), which these
+// templates call and which knows nothing of them.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "blob/blob_convert.h"
 #include "blob/blob_internal.h"
 #include "tolven/blobtyped.h"
 
@@ -49,22 +51,9 @@ using TokF32 =
 using TokF64 =
     Token<double, BLOB_FIELD_TYPE_FLOAT64, BLOB_FIELD_TYPE_FLOAT64_ARRAY, TokenKind::Float>;
 
-// The scalar type of an array type's elements (14-23 give 3-12).
-inline constexpr uint32_t ElementScalarType(uint32_t arrayType) noexcept {
-    return arrayType - (BLOB_FIELD_TYPE_INT8_ARRAY - BLOB_FIELD_TYPE_INT8);
-}
-inline constexpr bool IsNumericArrayType(uint32_t type) noexcept {
-    return type >= BLOB_FIELD_TYPE_INT8_ARRAY && type <= BLOB_FIELD_TYPE_FLOAT64_ARRAY;
-}
-
 // ---- a field seen through its bytes ----
 
-// Where one field's value lies: its data, its room (padding included) and its type.
-struct FieldView {
-    const unsigned char* data;
-    uint32_t size;
-    uint32_t type;
-};
+// The view of field `index` (FieldView is the converting path's).
 inline FieldView ViewOf(const _BLOB_INFO* blob, uint64_t index) noexcept {
     const BlobFieldEntry& e = blob->fieldIndex[index];
     return FieldView{blob->buffer + e.dataOffset, e.dataSize, EntryType(blob, e)};
@@ -232,33 +221,6 @@ inline bool StoreNumeric(unsigned char* p, uint32_t type, typename Tok::type v) 
     }
 }
 
-// ---- text parsers: the C runtime's, pinned to the "C" locale and to fixed widths ----
-// Each reads NUL-terminated text, stops at the first character it cannot use, and tells in
-// `*used` whether any digit was taken.
-
-// strtol, base 10, saturating at the 32-bit limits.
-int32_t ParseLong32(const char* s, bool* used) noexcept;
-// strtoul, base 10: saturates at 0xFFFFFFFF, a leading '-' negates the result.
-uint32_t ParseULong32(const char* s, bool* used) noexcept;
-// strtoi64, base 10, saturating at the 64-bit limits.
-int64_t ParseInt64(const char* s, bool* used) noexcept;
-// strtoui64, base 10: saturates at the maximum, a leading '-' negates the result.
-uint64_t ParseUInt64(const char* s, bool* used) noexcept;
-// strtod with the "C" locale's decimal point: decimal and hexadecimal forms, inf and nan.
-double ParseDouble(const char* s, bool* used) noexcept;
-// "true" or "1" in any case, the text having `n` bytes.
-bool IsTrueText(const char* s, uint64_t n) noexcept;
-
-// Room for the ASCII copy of a UTF-16 text that a number is parsed from.
-inline constexpr size_t kAsciiRoom = 512;
-// Copies a UTF-16 text (little-endian unit bytes at `units`, at most `maxUnits` units, up to
-// its 0 unit) into `out` of `room` bytes for the parsers above: units above 127 become 0x7F,
-// which no parser takes, and leading white space is dropped when `skipSpace` is set, so a
-// long run of it does not crowd out the number. Returns the bytes written, terminator not
-// counted.
-size_t UnitsToAscii(const unsigned char* units, uint64_t maxUnits, char* out, size_t room,
-                    bool skipSpace) noexcept;
-
 // Parses text into the caller's type as a read from a STRING or UTF16 field does: 32-bit
 // parses for the small integer types, 64-bit ones for I64 and U64. False when no digit was
 // used (the value is then 0).
@@ -283,17 +245,6 @@ inline bool ParseInto(const char* s, typename Tok::type* out) noexcept {
 
 // ---- formatting ----
 
-// Room for the longest text of one number: a double with ten decimals.
-inline constexpr size_t kNumberTextRoom = 400;
-
-// "%i" / "%I64i" into `out`; returns the length (no terminator written).
-size_t FormatSigned(char* out, int64_t v) noexcept;
-// "%u" / "%I64u" into `out`; returns the length.
-size_t FormatUnsigned(char* out, uint64_t v) noexcept;
-// "%.<decimals>f" in the "C" locale with trailing zeros and then a trailing point removed;
-// returns the length. `out` has kNumberTextRoom bytes.
-size_t FormatFloat(char* out, double v, int decimals) noexcept;
-
 // The text a SetX stores into a text field; returns the length. `out` has kNumberTextRoom.
 template <typename Tok>
 inline size_t ValueText(char* out, typename Tok::type v) noexcept {
@@ -312,9 +263,6 @@ inline size_t ValueText(char* out, typename Tok::type v) noexcept {
         return FormatUnsigned(out, v);
     }
 }
-
-// Formats a field as GetStr does into `buffer` of `size` (> 0) bytes.
-blob_status FormatField(const FieldView& f, char* buffer, uint64_t size) noexcept;
 
 // ---- work areas ----
 
@@ -340,17 +288,6 @@ class WorkArea {
     T* data_;
 };
 
-// Narrows `units` UTF-16 units (little-endian unit bytes at `text`, any alignment) to bytes,
-// 0-255 to that byte, and terminates them in `out` of `room` (> 0) bytes. Status 12 for a
-// unit above 255 (`out` empty), 1 when the text does not fit (as much as fits, terminated).
-blob_status NarrowUnits(const void* text, uint64_t units, char* out, uint64_t room) noexcept;
-// The units of a UTF-16 value of `size` bytes at `p` before its 0 unit.
-inline uint64_t FieldUnits(const unsigned char* p, uint64_t size) noexcept {
-    uint64_t n = 0;
-    while (2 * n + 1 < size && (p[2 * n] != 0 || p[2 * n + 1] != 0))
-        ++n;
-    return n;
-}
 // Widens bytes to UTF-16 units, each byte sign-extended; `n` bytes, no terminator added.
 inline void WidenBytes(const char* text, uint64_t n, char16_t* out) noexcept {
     for (uint64_t i = 0; i < n; ++i)
@@ -358,13 +295,6 @@ inline void WidenBytes(const char* text, uint64_t n, char16_t* out) noexcept {
 }
 // Length of a 16-bit text, at most `max` units.
 inline uint64_t UnitsLength(const char16_t* s, uint64_t max) noexcept {
-    uint64_t n = 0;
-    while (n < max && s[n] != 0)
-        ++n;
-    return n;
-}
-// Length of a byte text, at most `max` bytes.
-inline uint64_t TextLength(const char* s, uint64_t max) noexcept {
     uint64_t n = 0;
     while (n < max && s[n] != 0)
         ++n;

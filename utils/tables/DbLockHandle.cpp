@@ -17,10 +17,6 @@ uint32_t RecordLockThreadIdSlow() noexcept {
     return platform::CurrentThreadId();
 }
 
-void RecordLockSleepMs(uint32_t ms) noexcept {
-    platform::SleepMs(ms);
-}
-
 }  // namespace detail
 
 _dblock_handle::_dblock_handle() noexcept {

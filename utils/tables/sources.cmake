@@ -1,3 +1,5 @@
-# Tables: the table contract, the multi-key engine's record locks.
+# Tables: the table contract, the multi-key engine's record locks and its non-template parts.
 list(APPEND TOLVEN_SOURCES
-    utils/tables/DbLockHandle.cpp)
+    utils/tables/DbLockHandle.cpp
+    utils/tables/MultiKeyDb.cpp
+    utils/tables/RecordLocker.cpp)
