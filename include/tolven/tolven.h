@@ -26,5 +26,6 @@
 #include "tolven/refobj.h"
 #include "tolven/rwlock.h"
 #include "tolven/tickcounter.h"
+#include "tolven/timer.h"
 #include "tolven/utilerror.h"
 #include "tolven/versioninfo.h"
