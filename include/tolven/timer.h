@@ -13,6 +13,10 @@
 
 namespace TOLVEN {
 
+namespace platform {
+struct PeriodicTimer;
+}  // namespace platform
+
 enum [[nodiscard]] timer_status : uint32_t{
     timer_success = 0,       // done
     timer_start_failed = 1,  // the thread could not start
@@ -149,16 +153,16 @@ class HiResTimer {
     struct Records;
 
     // Given to the platform: forwards one tick to DoTimerProc.
-    static void TimerCallback(void* self);
+    static void TimerCallback(void* self, platform::PeriodicTimer* ticking);
     static void OnTimerThreadStart(void* self);
-    void DoTimerProc();
+    void DoTimerProc(platform::PeriodicTimer* ticking);
     void CloseTimer();
 
     std::atomic<uint32_t> periodMs_{0};
     Records* records_;
     detail::CriticalSection startStop_;
     detail::CriticalSection callbackLock_;
-    std::atomic<void*> timer_{nullptr};  // the platform's timer, null when none
+    std::atomic<platform::PeriodicTimer*> timer_{nullptr};  // null when none
 };
 
 }  // namespace TOLVEN

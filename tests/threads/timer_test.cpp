@@ -75,7 +75,6 @@ class TimerTest : public ::testing::Test {
 TEST_F(TimerTest, TicksRunCallbacksInOrderOnANamedThreadAndSurviveShutdown) {
     Timer timer;
     Log log;
-    std::string threadName;
     unsigned int tickId = 0, aId = 0, bId = 0;
     Letter a{&log, "a"}, b{&log, "b"};
     EXPECT_EQ(timer.AddCallback(&CountTick, &log, &tickId), timer_success);
@@ -90,12 +89,19 @@ TEST_F(TimerTest, TicksRunCallbacksInOrderOnANamedThreadAndSurviveShutdown) {
 
     unsigned int nameId = 0;
     struct Name {
-        std::string* out;
+        std::mutex mutex;
+        std::string value;
         static unsigned int Run(void* p) {
-            *static_cast<Name*>(p)->out = CurrentThreadName();
+            auto* self = static_cast<Name*>(p);
+            std::lock_guard<std::mutex> lock(self->mutex);
+            self->value = CurrentThreadName();
             return 0;
         }
-    } name{&threadName};
+        std::string Get() {
+            std::lock_guard<std::mutex> lock(mutex);
+            return value;
+        }
+    } name;
     EXPECT_EQ(timer.AddCallback(&Name::Run, &name, &nameId), timer_success);
 
     EXPECT_EQ(timer.Interval(), 0u);
@@ -107,7 +113,7 @@ TEST_F(TimerTest, TicksRunCallbacksInOrderOnANamedThreadAndSurviveShutdown) {
     EXPECT_FALSE(timer.joinable());
     EXPECT_EQ(timer.Interval(), 0u);
     EXPECT_FALSE(IsRegistered("CSTimerThread_Unit"));
-    EXPECT_EQ(threadName, "CSTimerThread_Unit");
+    EXPECT_EQ(name.Get(), "CSTimerThread_Unit");
 
     const int ticksAtShutdown = log.ticks;
     std::vector<std::string> seen = log.Take();
@@ -124,7 +130,7 @@ TEST_F(TimerTest, TicksRunCallbacksInOrderOnANamedThreadAndSurviveShutdown) {
     ASSERT_TRUE(WaitFor([&] { return log.ticks >= ticksAtShutdown + 2; }));
     // Startup on a running timer is a restart.
     ASSERT_EQ(timer.Startup(5, 50, "Again"), timer_success);
-    ASSERT_TRUE(WaitFor([&] { return threadName == "CSTimerThread_Again"; }));
+    ASSERT_TRUE(WaitFor([&] { return name.Get() == "CSTimerThread_Again"; }));
     EXPECT_EQ(timer.Shutdown(), timer_success);
     EXPECT_EQ(timer.Shutdown(), timer_success) << "a second Shutdown is harmless";
     for (const std::string& s : log.Take())
@@ -382,6 +388,7 @@ TEST_F(TimerTest, HiResTimerShutdownFromItsOwnCallback) {
     struct Stopper {
         HiResTimer* timer;
         std::atomic<int> calls{0};
+        std::atomic<bool> done{false};
         hrt_status stop = hrt_failed, samePeriod = hrt_failed, otherPeriod = hrt_success;
         static unsigned int Run(void* p) {
             auto* self = static_cast<Stopper*>(p);
@@ -389,6 +396,7 @@ TEST_F(TimerTest, HiResTimerShutdownFromItsOwnCallback) {
             self->samePeriod = self->timer->Startup(2);
             self->otherPeriod = self->timer->Startup(3);
             self->stop = self->timer->Shutdown();
+            self->done = true;
             return 0;
         }
     };
@@ -396,8 +404,8 @@ TEST_F(TimerTest, HiResTimerShutdownFromItsOwnCallback) {
     Stopper stopper{&timer};
     EXPECT_EQ(timer.AddCallback(&Stopper::Run, &stopper, nullptr), hrt_success);
     ASSERT_EQ(timer.Startup(2), hrt_success);
-    ASSERT_TRUE(WaitFor([&] { return stopper.calls >= 1; }));
-    ASSERT_TRUE(WaitFor([&] { return timer.Period() == 0; }));
+    ASSERT_TRUE(WaitFor([&] { return stopper.done.load(); }));
+    EXPECT_EQ(timer.Period(), 0u);
     EXPECT_EQ(stopper.samePeriod, hrt_success);
     EXPECT_EQ(stopper.otherPeriod, hrt_failed);
     EXPECT_EQ(stopper.stop, hrt_success);

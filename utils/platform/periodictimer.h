@@ -21,10 +21,14 @@ bool PeriodicTimerRange(uint32_t* minMs, uint32_t* maxMs) noexcept;
 // (timeBeginPeriod). Nothing to do where timers are exact anyway.
 void RaiseTimerResolution(uint32_t periodMs) noexcept;
 
-// Calls `callback(context)` every `periodMs` milliseconds from now on. `onThreadStart`, if
-// not null, is called once with `context` on the timer's thread before its first tick,
-// where the timer has a thread of its own. Null when the timer cannot be had.
-PeriodicTimer* StartPeriodicTimer(uint32_t periodMs, void (*callback)(void*), void* context,
+// What a timer calls on each tick, with its context and the timer itself, which may be
+// cancelled from there even before StartPeriodicTimer has returned it.
+using PeriodicCallback = void (*)(void* context, PeriodicTimer* timer);
+
+// Calls `callback(context, timer)` every `periodMs` milliseconds from now on.
+// `onThreadStart`, if not null, is called once with `context` on the timer's thread before
+// its first tick, where the timer has a thread of its own. Null when the timer cannot be had.
+PeriodicTimer* StartPeriodicTimer(uint32_t periodMs, PeriodicCallback callback, void* context,
                                   void (*onThreadStart)(void*)) noexcept;
 
 // Stops ticks: no callback starts after it returns. It neither waits nor frees, so the

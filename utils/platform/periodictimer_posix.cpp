@@ -14,7 +14,7 @@ namespace TOLVEN::platform {
 struct PeriodicTimer {
     int timerFd = -1;
     int wakeFd = -1;  // written by CancelPeriodicTimer to end the thread's wait
-    void (*callback)(void*) = nullptr;
+    PeriodicCallback callback = nullptr;
     void* context = nullptr;
     void (*onThreadStart)(void*) = nullptr;
     std::atomic<bool> cancelled{false};
@@ -45,7 +45,7 @@ void Run(PeriodicTimer* t) {
         uint64_t expirations = 0;
         if (::read(t->timerFd, &expirations, sizeof(expirations)) != sizeof(expirations)) continue;
         if (t->cancelled.load(std::memory_order_acquire)) return;
-        t->callback(t->context);
+        t->callback(t->context, t);
     }
 }
 
@@ -59,7 +59,7 @@ bool PeriodicTimerRange(uint32_t* minMs, uint32_t* maxMs) noexcept {
 
 void RaiseTimerResolution(uint32_t) noexcept {}
 
-PeriodicTimer* StartPeriodicTimer(uint32_t periodMs, void (*callback)(void*), void* context,
+PeriodicTimer* StartPeriodicTimer(uint32_t periodMs, PeriodicCallback callback, void* context,
                                   void (*onThreadStart)(void*)) noexcept {
     if (periodMs == 0 || callback == nullptr) return nullptr;
     auto* t = new (std::nothrow) PeriodicTimer;

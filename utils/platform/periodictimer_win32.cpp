@@ -11,7 +11,7 @@ namespace TOLVEN::platform {
 
 struct PeriodicTimer {
     UINT id = 0;
-    void (*callback)(void*) = nullptr;
+    PeriodicCallback callback = nullptr;
     void* context = nullptr;
     std::atomic<bool> cancelled{false};
     std::atomic<uint32_t> running{0};  // callbacks under way
@@ -22,7 +22,7 @@ namespace {
 void CALLBACK Trampoline(UINT, UINT, DWORD_PTR user, DWORD_PTR, DWORD_PTR) {
     auto* t = reinterpret_cast<PeriodicTimer*>(user);
     t->running.fetch_add(1, std::memory_order_acq_rel);
-    if (!t->cancelled.load(std::memory_order_acquire)) t->callback(t->context);
+    if (!t->cancelled.load(std::memory_order_acquire)) t->callback(t->context, t);
     t->running.fetch_sub(1, std::memory_order_acq_rel);
 }
 
@@ -40,7 +40,7 @@ void RaiseTimerResolution(uint32_t periodMs) noexcept {
     (void)::timeBeginPeriod(periodMs);
 }
 
-PeriodicTimer* StartPeriodicTimer(uint32_t periodMs, void (*callback)(void*), void* context,
+PeriodicTimer* StartPeriodicTimer(uint32_t periodMs, PeriodicCallback callback, void* context,
                                   void (*)(void*)) noexcept {
     if (periodMs == 0 || callback == nullptr) return nullptr;
     auto* t = new (std::nothrow) PeriodicTimer;

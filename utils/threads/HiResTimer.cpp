@@ -20,12 +20,10 @@ namespace {
 
 std::atomic<uint32_t> g_nextHiResId{0};
 
-// The HiResTimer whose callbacks this thread is running, if any.
+// The HiResTimer whose callbacks this thread is running, if any, and the platform's timer
+// that called them.
 thread_local const HiResTimer* t_inCallbacksOf = nullptr;
-
-platform::PeriodicTimer* AsTimer(void* p) {
-    return static_cast<platform::PeriodicTimer*>(p);
-}
+thread_local platform::PeriodicTimer* t_ticking = nullptr;
 
 }  // namespace
 
@@ -71,7 +69,7 @@ hrt_status HiResTimer::Shutdown() {
         // Waiting for the running callback would wait for this very call: stop the ticks
         // only, and leave the timer to be closed from another thread.
         periodMs_.store(0, std::memory_order_relaxed);
-        platform::CancelPeriodicTimer(AsTimer(timer_.load(std::memory_order_acquire)));
+        platform::CancelPeriodicTimer(t_ticking);
         return hrt_success;
     }
     HouseLockGuard guard(startStop_);
@@ -81,7 +79,7 @@ hrt_status HiResTimer::Shutdown() {
 }
 
 void HiResTimer::CloseTimer() {
-    platform::ClosePeriodicTimer(AsTimer(timer_.exchange(nullptr, std::memory_order_acq_rel)));
+    platform::ClosePeriodicTimer(timer_.exchange(nullptr, std::memory_order_acq_rel));
 }
 
 hrt_status HiResTimer::AddCallback(TimerFunction function, void* context, unsigned int* id) {
@@ -100,18 +98,20 @@ hrt_status HiResTimer::RemoveCallback(unsigned int id) {
     return hrt_success;
 }
 
-void HiResTimer::TimerCallback(void* self) {
-    static_cast<HiResTimer*>(self)->DoTimerProc();
+void HiResTimer::TimerCallback(void* self, platform::PeriodicTimer* ticking) {
+    static_cast<HiResTimer*>(self)->DoTimerProc(ticking);
 }
 
 void HiResTimer::OnTimerThreadStart(void*) {
     ConfigureCurrentThread("HiResTimer", nullptr, nullptr);
 }
 
-void HiResTimer::DoTimerProc() {
+void HiResTimer::DoTimerProc(platform::PeriodicTimer* ticking) {
     HouseLockGuard guard(callbackLock_);
     const HiResTimer* outer = t_inCallbacksOf;
+    platform::PeriodicTimer* outerTicking = t_ticking;
     t_inCallbacksOf = this;
+    t_ticking = ticking;
     // By index and by copy: a callback that adds or removes records against the rules
     // changes the list under the walk, which must then stay within it.
     auto& list = records_->list;
@@ -120,6 +120,7 @@ void HiResTimer::DoTimerProc() {
         if (r.function != nullptr) (void)r.function(r.context);
     }
     t_inCallbacksOf = outer;
+    t_ticking = outerTicking;
 }
 
 }  // namespace TOLVEN
