@@ -1,7 +1,5 @@
 #include "platform/periodictimer.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -13,7 +11,6 @@ namespace TOLVEN::platform {
 
 struct PeriodicTimer {
     int timerFd = -1;
-    int wakeFd = -1;  // written by CancelPeriodicTimer to end the thread's wait
     PeriodicCallback callback = nullptr;
     void* context = nullptr;
     void (*onThreadStart)(void*) = nullptr;
@@ -25,25 +22,31 @@ namespace {
 
 constexpr uint32_t kMaxPeriodMs = 1000000;
 
-void CloseFds(PeriodicTimer* t) noexcept {
+void CloseFd(PeriodicTimer* t) noexcept {
     if (t->timerFd >= 0) ::close(t->timerFd);
-    if (t->wakeFd >= 0) ::close(t->wakeFd);
 }
 
+itimerspec Every(uint32_t periodMs) noexcept {
+    itimerspec spec{};
+    spec.it_interval.tv_sec = periodMs / 1000;
+    spec.it_interval.tv_nsec = static_cast<long>(periodMs % 1000) * 1000000L;
+    spec.it_value = spec.it_interval;
+    return spec;
+}
+
+// One blocking read per tick, as a bare timerfd loop does; a cancel wakes it by making the
+// timer expire at once.
 void Run(PeriodicTimer* t) {
     if (t->onThreadStart != nullptr) t->onThreadStart(t->context);
-    pollfd fds[2] = {{t->timerFd, POLLIN, 0}, {t->wakeFd, POLLIN, 0}};
     while (!t->cancelled.load(std::memory_order_acquire)) {
-        if (::poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            return;
-        }
-        if (fds[1].revents != 0) return;
-        if ((fds[0].revents & POLLIN) == 0) continue;
         // The count of expirations is dropped: ticks missed while a callback ran late are
         // not made up in a burst.
         uint64_t expirations = 0;
-        if (::read(t->timerFd, &expirations, sizeof(expirations)) != sizeof(expirations)) continue;
+        const ssize_t got = ::read(t->timerFd, &expirations, sizeof(expirations));
+        if (got != static_cast<ssize_t>(sizeof(expirations))) {
+            if (got < 0 && errno == EINTR) continue;
+            return;
+        }
         if (t->cancelled.load(std::memory_order_acquire)) return;
         t->callback(t->context, t);
     }
@@ -68,20 +71,16 @@ PeriodicTimer* StartPeriodicTimer(uint32_t periodMs, PeriodicCallback callback, 
     t->context = context;
     t->onThreadStart = onThreadStart;
     t->timerFd = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
-    t->wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    itimerspec spec{};
-    spec.it_interval.tv_sec = periodMs / 1000;
-    spec.it_interval.tv_nsec = static_cast<long>(periodMs % 1000) * 1000000L;
-    spec.it_value = spec.it_interval;
-    if (t->timerFd < 0 || t->wakeFd < 0 || ::timerfd_settime(t->timerFd, 0, &spec, nullptr) != 0) {
-        CloseFds(t);
+    const itimerspec spec = Every(periodMs);
+    if (t->timerFd < 0 || ::timerfd_settime(t->timerFd, 0, &spec, nullptr) != 0) {
+        CloseFd(t);
         delete t;
         return nullptr;
     }
     try {
         t->thread = std::thread(Run, t);
     } catch (...) {
-        CloseFds(t);
+        CloseFd(t);
         delete t;
         return nullptr;
     }
@@ -91,8 +90,9 @@ PeriodicTimer* StartPeriodicTimer(uint32_t periodMs, PeriodicCallback callback, 
 void CancelPeriodicTimer(PeriodicTimer* timer) noexcept {
     if (timer == nullptr) return;
     if (timer->cancelled.exchange(true, std::memory_order_acq_rel)) return;
-    const uint64_t one = 1;
-    (void)!::write(timer->wakeFd, &one, sizeof(one));
+    itimerspec now{};
+    now.it_value.tv_nsec = 1;
+    (void)::timerfd_settime(timer->timerFd, 0, &now, nullptr);
 }
 
 void ClosePeriodicTimer(PeriodicTimer* timer) noexcept {
@@ -112,7 +112,7 @@ void ClosePeriodicTimer(PeriodicTimer* timer) noexcept {
             return;
         }
     }
-    CloseFds(timer);
+    CloseFd(timer);
     delete timer;
 }
 
