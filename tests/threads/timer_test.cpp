@@ -26,10 +26,22 @@ bool WaitFor(F done) {
     return true;
 }
 
-std::string CurrentThreadName() {
-    const thread_data* d = GetCurrentThreadData();
-    return d != nullptr ? d->name : std::string();
-}
+// A callback that notes the registered name of the thread it runs on ("" for none).
+struct NameProbe {
+    std::mutex mutex;
+    std::string value = "unset";
+    static unsigned int Run(void* p) {
+        auto* self = static_cast<NameProbe*>(p);
+        const thread_data* d = GetCurrentThreadData();
+        std::lock_guard<std::mutex> lock(self->mutex);
+        self->value = d != nullptr ? d->name : std::string();
+        return 0;
+    }
+    std::string Get() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return value;
+    }
+};
 
 // What the callbacks saw, written on the timer's thread and read after it is joined or
 // under the lock.
@@ -88,21 +100,8 @@ TEST_F(TimerTest, TicksRunCallbacksInOrderOnANamedThreadAndSurviveShutdown) {
     EXPECT_EQ(timer.RemoveCallback(0xFFFFFFF0u), timer_not_found);
 
     unsigned int nameId = 0;
-    struct Name {
-        std::mutex mutex;
-        std::string value;
-        static unsigned int Run(void* p) {
-            auto* self = static_cast<Name*>(p);
-            std::lock_guard<std::mutex> lock(self->mutex);
-            self->value = CurrentThreadName();
-            return 0;
-        }
-        std::string Get() {
-            std::lock_guard<std::mutex> lock(mutex);
-            return value;
-        }
-    } name;
-    EXPECT_EQ(timer.AddCallback(&Name::Run, &name, &nameId), timer_success);
+    NameProbe name;
+    EXPECT_EQ(timer.AddCallback(&NameProbe::Run, &name, &nameId), timer_success);
 
     EXPECT_EQ(timer.Interval(), 0u);
     ASSERT_EQ(timer.Startup(10, 50, "Unit"), timer_success);
@@ -336,17 +335,10 @@ TEST_F(TimerTest, HiResTimerTicksKeepsItsPeriodAndRefusesBadOnes) {
     Log log;
     Letter a{&log, "a"};
     unsigned int tickId = 0, aId = 0;
-    std::string threadName = "unset";
-    struct Name {
-        std::string* out;
-        static unsigned int Run(void* p) {
-            *static_cast<Name*>(p)->out = CurrentThreadName();
-            return 0;
-        }
-    } name{&threadName};
+    NameProbe name;
     EXPECT_EQ(timer.AddCallback(&CountTick, &log, &tickId), hrt_success);
     EXPECT_EQ(timer.AddCallback(&Letter::Run, &a, &aId), hrt_success);
-    EXPECT_EQ(timer.AddCallback(&Name::Run, &name, nullptr), hrt_success);
+    EXPECT_EQ(timer.AddCallback(&NameProbe::Run, &name, nullptr), hrt_success);
     EXPECT_LT(tickId, aId);
     EXPECT_EQ(timer.RemoveCallback(0xFFFFFFF0u), hrt_success) << "unknown ids are no error";
 
@@ -362,6 +354,7 @@ TEST_F(TimerTest, HiResTimerTicksKeepsItsPeriodAndRefusesBadOnes) {
     EXPECT_EQ(timer.Period(), 0u);
     // Linux runs the ticks on a configured thread of the timer's own; Windows on the
     // system's multimedia timer thread, which is nobody's.
+    const std::string threadName = name.Get();
     EXPECT_TRUE(threadName == "HiResTimer" || threadName.empty()) << threadName;
 
     std::vector<std::string> seen = log.Take();
