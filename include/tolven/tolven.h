@@ -28,5 +28,6 @@
 #include "tolven/rwlock.h"
 #include "tolven/simplelogfile.h"
 #include "tolven/tickcounter.h"
+#include "tolven/timer.h"
 #include "tolven/utilerror.h"
 #include "tolven/versioninfo.h"

@@ -4,17 +4,12 @@
 #include <string>
 
 #include "tolven/autothread.h"
+#include "threads/registry_util.h"
 
 using namespace TOLVEN;
+using TOLVEN::test::IsRegistered;
 
 namespace {
-bool IsRegistered(const std::string& name) {
-    auto& reg = thread_details::get();
-    QuickLockGuard guard(reg.get_lock());
-    for (const auto& [id, data] : reg.get_thread_map())
-        if (data->name == name) return true;
-    return false;
-}
 
 class AutoThread : public ::testing::Test {
   protected:

@@ -1,2 +1,4 @@
 tolven_add_test(threads CONCURRENCY SOURCES
     threads/autothread_test.cpp)
+tolven_add_test(timers CONCURRENCY SOURCES
+    threads/timer_test.cpp)

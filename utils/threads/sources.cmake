@@ -1,3 +1,5 @@
-# Threads and time: library threads and the thread registry.
+# Threads and time: library threads, the thread registry and the timers.
 list(APPEND TOLVEN_SOURCES
-    utils/threads/autothread.cpp)
+    utils/threads/autothread.cpp
+    utils/threads/Timer.cpp
+    utils/threads/HiResTimer.cpp)
