@@ -4,3 +4,15 @@ tolven_add_test(logformat SOURCES
     log/logformat_test.cpp)
 tolven_add_test(logapi CONCURRENCY SOURCES
     log/logapi_test.cpp)
+tolven_add_test(logsinks CONCURRENCY SOURCES
+    log/logsinks_test.cpp)
+tolven_add_test(logaccounting SOURCES
+    log/logaccounting_test.cpp)
+if(WIN32)
+    set(syslog_collector log/syslog_collector_udp.cpp)
+else()
+    set(syslog_collector log/syslog_collector_rsyslogd.cpp)
+endif()
+tolven_add_test(syslog CONCURRENCY SOURCES
+    log/syslog_test.cpp
+    ${syslog_collector})
