@@ -1,6 +1,7 @@
 // Every public header of the library.
 #pragma once
 
+#include "tolven/asyncfile.h"
 #include "tolven/autothread.h"
 #include "tolven/baseallocator.h"
 #include "tolven/basicsrv.h"
@@ -26,6 +27,7 @@
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"
 #include "tolven/rwlock.h"
+#include "tolven/simplelogfile.h"
 #include "tolven/tickcounter.h"
 #include "tolven/utilerror.h"
 #include "tolven/versioninfo.h"

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "log/LocalClock.h"
 #include "log/LogApiInternal.h"
 #include "log/LogFormat.h"
 #include "log/LogRing.h"
@@ -122,35 +123,6 @@ void CopyFrame(uint8_t* to, const void* from, uint32_t length) {
     for (; i + 16 <= length; i += 16)
         std::memcpy(to + i, src + i, 16);
     if (i < length) std::memcpy(to + length - 16, src + length - 16, 16);
-}
-
-// The local time of the call. The date and time of day are kept per thread for the
-// current second, so most calls read the clock and nothing else.
-void Now(_blob_timestamp* out) {
-    struct Cache {
-        int64_t second = -1;
-        _blob_timestamp time{};
-    };
-#if defined(__GNUC__)
-    __attribute__((tls_model("initial-exec")))
-#endif
-    thread_local Cache cache;
-    using namespace std::chrono;
-    const int64_t ns = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
-    const int64_t second = ns / 1000000000;
-    if (second == cache.second) {
-        *out = cache.time;
-        out->nanoseconds = static_cast<uint32_t>(ns % 1000000000 / 1000000 * 1000000);
-        return;
-    }
-    (void)GetCurrentBlobTime(out);
-    // Keep the fields only when both clock readings fall in the same second.
-    const int64_t after =
-        duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
-    if (after / 1000000000 == second) {
-        cache.second = second;
-        cache.time = *out;
-    }
 }
 
 // Calls the callbacks for one message, under the API lock.
@@ -460,7 +432,7 @@ log_status detail::LogProcessEnabledEvent(logger_event_level level, const char* 
     frame.kind = kKindLog;
     frame.line = line;
     frame.level = level;
-    Now(&frame.timestamp);
+    detail::LocalBlobTimeNow(&frame.timestamp);
     frame.threadId = platform::CurrentThreadId();
     frame.file = file;
     frame.function = function;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace TOLVEN::platform {
 
@@ -14,5 +15,9 @@ bool ChangeCurrentDirectory(const char* path) noexcept;
 
 // The process's current directory, absolute; false when it cannot be had.
 bool CurrentDirectory(std::string& path);
+
+// Replaces `names` with the names of the plain files in `directory` (no folders), in no
+// particular order. False when the directory cannot be read; an empty one is true.
+bool ListDirectoryFiles(const char* directory, std::vector<std::string>& names);
 
 }  // namespace TOLVEN::platform

@@ -1,9 +1,12 @@
 #include "platform/directory.h"
 
-#include <cerrno>
-#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <climits>
 
 namespace TOLVEN::platform {
 
@@ -24,6 +27,24 @@ bool CurrentDirectory(std::string& path) {
     char buffer[PATH_MAX];
     if (::getcwd(buffer, sizeof(buffer)) == nullptr) return false;
     path.assign(buffer);
+    return true;
+}
+
+bool ListDirectoryFiles(const char* directory, std::vector<std::string>& names) {
+    names.clear();
+    if (directory == nullptr || directory[0] == '\0') return false;
+    DIR* dir = ::opendir(directory);
+    if (dir == nullptr) return false;
+    const int fd = ::dirfd(dir);
+    while (const dirent* entry = ::readdir(dir)) {
+        bool plain = entry->d_type == DT_REG;
+        if (entry->d_type == DT_UNKNOWN || entry->d_type == DT_LNK) {
+            struct stat st {};
+            plain = ::fstatat(fd, entry->d_name, &st, 0) == 0 && S_ISREG(st.st_mode);
+        }
+        if (plain) names.emplace_back(entry->d_name);
+    }
+    ::closedir(dir);
     return true;
 }
 

@@ -28,4 +28,20 @@ bool CurrentDirectory(std::string& path) {
     return true;
 }
 
+bool ListDirectoryFiles(const char* directory, std::vector<std::string>& names) {
+    names.clear();
+    if (directory == nullptr || directory[0] == '\0') return false;
+    std::string pattern(directory);
+    pattern += "\\*";
+    WIN32_FIND_DATAA found;
+    const HANDLE search = ::FindFirstFileA(pattern.c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND;
+    do {
+        if ((found.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) == 0)
+            names.emplace_back(found.cFileName);
+    } while (::FindNextFileA(search, &found));
+    ::FindClose(search);
+    return true;
+}
+
 }  // namespace TOLVEN::platform

@@ -1,4 +1,5 @@
-// Files and paths: modification stamps, shared opens, durable writes, atomic replacement.
+// Files and paths: modification stamps, shared and exclusive opens, positioned reads and
+// writes, durable writes, atomic replacement.
 #pragma once
 
 #include <cstddef>
@@ -30,6 +31,38 @@ bool GetFileStamp(const char* path, FileStamp* out) noexcept;
 // Opens a file with stdio `mode`, letting others read, write, delete or rename over it
 // meanwhile. Null on failure.
 std::FILE* OpenFileShared(const char* path, const char* mode) noexcept;
+
+// Opens `path` for reading and writing and keeps other writers out while it is open: no
+// second open through this call succeeds on the same file, from this process or another
+// (an exclusive flock on POSIX, a deny-write share mode on Windows). Without `create` the
+// file must exist; with it a missing file is made and an existing one emptied, but only
+// once it is held, so a file another writer holds is never touched. Null on failure.
+std::FILE* OpenFileDenyWrite(const char* path, bool create) noexcept;
+
+// The size of an open file in bytes; false when it cannot be had.
+bool GetOpenFileSize(std::FILE* file, uint64_t* size) noexcept;
+
+// Writes `size` bytes at `position` of an open file straight to the operating system,
+// past the stream's buffer, which must hold nothing. `written` gets the bytes written. The
+// result is 0, or the error number (errno's values; ENOSPC for a full disk) of the call
+// that stopped short.
+uint32_t WriteFileAt(std::FILE* file, uint64_t position, const void* data, std::size_t size,
+                     std::size_t* written) noexcept;
+
+// Reads up to `size` bytes at `position` of an open file, past the stream's buffer. `read`
+// gets the bytes read, fewer at the end of the file. The result is 0 or an error number.
+uint32_t ReadFileAt(std::FILE* file, uint64_t position, void* data, std::size_t size,
+                    std::size_t* read) noexcept;
+
+// For tests: WriteFileAt may write only `bytes` more bytes in all, in every file, and then
+// fails as a full disk does; a negative value lifts the limit (the default).
+void SetWriteSpaceForTest(int64_t bytes) noexcept;
+
+namespace detail {
+// How many of `wanted` bytes the test limit of SetWriteSpaceForTest lets through now; the
+// bytes granted are taken off the limit.
+std::size_t GrantWriteSpace(std::size_t wanted) noexcept;
+}  // namespace detail
 
 // Flushes stdio buffers and then the OS cache of the file to the device.
 bool FlushFileToDisk(std::FILE* file) noexcept;

@@ -1,6 +1,7 @@
 #include "platform/file.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +30,75 @@ std::FILE* OpenFileShared(const char* path, const char* mode) noexcept {
     // POSIX opens never lock others out.
     if (path == nullptr || path[0] == '\0') return nullptr;
     return std::fopen(path, mode);
+}
+
+std::FILE* OpenFileDenyWrite(const char* path, bool create) noexcept {
+    if (path == nullptr || path[0] == '\0') return nullptr;
+    // No O_TRUNC here: the file is emptied only once the lock says nobody else writes it.
+    const int fd = ::open(path, O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
+    if (fd < 0) return nullptr;
+    // flock, unlike fcntl locks, is held by the open file: a second open in this same
+    // process conflicts as one in another process does.
+    int rc;
+    do {
+        rc = ::flock(fd, LOCK_EX | LOCK_NB);
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0 || (create && ::ftruncate(fd, 0) != 0)) {
+        const int error = errno;
+        ::close(fd);
+        errno = error;
+        return nullptr;
+    }
+    std::FILE* file = ::fdopen(fd, create ? "w+b" : "r+b");
+    if (file == nullptr) ::close(fd);
+    return file;
+}
+
+bool GetOpenFileSize(std::FILE* file, uint64_t* size) noexcept {
+    struct stat st;
+    if (file == nullptr || size == nullptr || ::fstat(::fileno(file), &st) != 0) return false;
+    *size = static_cast<uint64_t>(st.st_size);
+    return true;
+}
+
+uint32_t WriteFileAt(std::FILE* file, uint64_t position, const void* data, std::size_t size,
+                     std::size_t* written) noexcept {
+    *written = 0;
+    if (file == nullptr) return EBADF;
+    const int fd = ::fileno(file);
+    const auto* bytes = static_cast<const char*>(data);
+    while (*written < size) {
+        const std::size_t want = detail::GrantWriteSpace(size - *written);
+        if (want == 0) return ENOSPC;
+        const ssize_t n =
+            ::pwrite(fd, bytes + *written, want, static_cast<off_t>(position + *written));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return static_cast<uint32_t>(errno);
+        }
+        if (n == 0) return EIO;
+        *written += static_cast<std::size_t>(n);
+    }
+    return 0;
+}
+
+uint32_t ReadFileAt(std::FILE* file, uint64_t position, void* data, std::size_t size,
+                    std::size_t* read) noexcept {
+    *read = 0;
+    if (file == nullptr) return EBADF;
+    const int fd = ::fileno(file);
+    auto* bytes = static_cast<char*>(data);
+    while (*read < size) {
+        const ssize_t n =
+            ::pread(fd, bytes + *read, size - *read, static_cast<off_t>(position + *read));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return static_cast<uint32_t>(errno);
+        }
+        if (n == 0) break;  // the end of the file
+        *read += static_cast<std::size_t>(n);
+    }
+    return 0;
 }
 
 bool FlushFileToDisk(std::FILE* file) noexcept {

@@ -1,5 +1,6 @@
 #include "platform/file.h"
 
+#include <cerrno>
 #include <cstring>
 
 #include <windows.h>
@@ -11,6 +12,38 @@ namespace TOLVEN::platform {
 namespace {
 // 100-nanosecond intervals between 1601-01-01 and 1970-01-01.
 constexpr uint64_t kEpochDelta = 116444736000000000ull;
+
+// The errno value closest to a Windows error.
+uint32_t ErrnoOf(DWORD error) noexcept {
+    switch (error) {
+        case ERROR_DISK_FULL:
+        case ERROR_HANDLE_DISK_FULL:
+            return ENOSPC;
+        case ERROR_ACCESS_DENIED:
+        case ERROR_SHARING_VIOLATION:
+        case ERROR_LOCK_VIOLATION:
+            return EACCES;
+        case ERROR_INVALID_HANDLE:
+            return EBADF;
+        default:
+            return EIO;
+    }
+}
+
+HANDLE HandleOf(std::FILE* file) noexcept {
+    if (file == nullptr) return INVALID_HANDLE_VALUE;
+    return reinterpret_cast<HANDLE>(::_get_osfhandle(::_fileno(file)));
+}
+
+OVERLAPPED At(uint64_t position) noexcept {
+    OVERLAPPED at{};
+    at.Offset = static_cast<DWORD>(position);
+    at.OffsetHigh = static_cast<DWORD>(position >> 32);
+    return at;
+}
+
+// The largest piece one ReadFile or WriteFile call moves.
+constexpr std::size_t kMaxPiece = 1u << 30;
 }  // namespace
 
 bool GetFileStamp(const char* path, FileStamp* out) noexcept {
@@ -74,6 +107,76 @@ std::FILE* OpenFileShared(const char* path, const char* mode) noexcept {
     std::FILE* file = ::_fdopen(fd, mode);
     if (file == nullptr) ::_close(fd);
     return file;
+}
+
+std::FILE* OpenFileDenyWrite(const char* path, bool create) noexcept {
+    if (path == nullptr || path[0] == '\0') return nullptr;
+    // Others may read, but not write: a second writer's open fails with a sharing
+    // violation before it can empty the file.
+    const HANDLE handle =
+        ::CreateFileA(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                      create ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) return nullptr;
+    const int fd = ::_open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_RDWR | _O_BINARY);
+    if (fd < 0) {
+        ::CloseHandle(handle);
+        return nullptr;
+    }
+    std::FILE* file = ::_fdopen(fd, create ? "w+b" : "r+b");
+    if (file == nullptr) ::_close(fd);
+    return file;
+}
+
+bool GetOpenFileSize(std::FILE* file, uint64_t* size) noexcept {
+    const HANDLE handle = HandleOf(file);
+    LARGE_INTEGER value;
+    if (handle == INVALID_HANDLE_VALUE || size == nullptr || !::GetFileSizeEx(handle, &value))
+        return false;
+    *size = static_cast<uint64_t>(value.QuadPart);
+    return true;
+}
+
+uint32_t WriteFileAt(std::FILE* file, uint64_t position, const void* data, std::size_t size,
+                     std::size_t* written) noexcept {
+    *written = 0;
+    const HANDLE handle = HandleOf(file);
+    if (handle == INVALID_HANDLE_VALUE) return EBADF;
+    const auto* bytes = static_cast<const char*>(data);
+    while (*written < size) {
+        std::size_t want = detail::GrantWriteSpace(size - *written);
+        if (want == 0) return ENOSPC;
+        if (want > kMaxPiece) want = kMaxPiece;
+        OVERLAPPED at = At(position + *written);
+        DWORD n = 0;
+        if (!::WriteFile(handle, bytes + *written, static_cast<DWORD>(want), &n, &at)) {
+            *written += n;
+            return ErrnoOf(::GetLastError());
+        }
+        if (n == 0) return EIO;
+        *written += n;
+    }
+    return 0;
+}
+
+uint32_t ReadFileAt(std::FILE* file, uint64_t position, void* data, std::size_t size,
+                    std::size_t* read) noexcept {
+    *read = 0;
+    const HANDLE handle = HandleOf(file);
+    if (handle == INVALID_HANDLE_VALUE) return EBADF;
+    auto* bytes = static_cast<char*>(data);
+    while (*read < size) {
+        const std::size_t want = size - *read < kMaxPiece ? size - *read : kMaxPiece;
+        OVERLAPPED at = At(position + *read);
+        DWORD n = 0;
+        if (!::ReadFile(handle, bytes + *read, static_cast<DWORD>(want), &n, &at)) {
+            const DWORD error = ::GetLastError();
+            if (error == ERROR_HANDLE_EOF) break;
+            return ErrnoOf(error);
+        }
+        if (n == 0) break;  // the end of the file
+        *read += n;
+    }
+    return 0;
 }
 
 bool FlushFileToDisk(std::FILE* file) noexcept {

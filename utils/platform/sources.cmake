@@ -38,4 +38,5 @@ endif()
 # Code that is the same on every platform.
 list(APPEND TOLVEN_SOURCES
     utils/platform/atomic_x86_64.cpp
+    utils/platform/file_space.cpp
     utils/platform/versionnote_elf.cpp)

@@ -24,6 +24,12 @@ bool GetCurrentThreadName(char* out, size_t size) noexcept;
 // (-2, -1, 0, 1, 2, 15). False when the OS refuses, for instance for want of privilege.
 bool SetThreadPriority(uint32_t threadId, int priority) noexcept;
 
+// True when the thread with OS id `threadId` is known to have ended, even without running
+// its own ending (Windows ends the other threads of a process before a library's exit
+// handlers run). False while it runs, and on POSIX, where threads end only through their
+// own code or with the whole process.
+bool ThreadHasEnded(uint32_t threadId) noexcept;
+
 // Sleeps for at least `ms` milliseconds.
 void SleepMs(uint32_t ms) noexcept;
 

@@ -69,6 +69,10 @@ bool SetThreadPriority(uint32_t threadId, int priority) noexcept {
     return ::setpriority(PRIO_PROCESS, static_cast<id_t>(threadId), NiceFor(priority)) == 0;
 }
 
+bool ThreadHasEnded(uint32_t) noexcept {
+    return false;
+}
+
 void SleepMs(uint32_t ms) noexcept {
     timespec ts{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
     while (::nanosleep(&ts, &ts) != 0 && errno == EINTR) {

@@ -105,6 +105,14 @@ bool SetThreadPriority(uint32_t threadId, int priority) noexcept {
     return ok != FALSE;
 }
 
+bool ThreadHasEnded(uint32_t threadId) noexcept {
+    const HANDLE thread = ::OpenThread(SYNCHRONIZE, FALSE, threadId);
+    if (thread == nullptr) return ::GetLastError() == ERROR_INVALID_PARAMETER;  // no such thread
+    const bool ended = ::WaitForSingleObject(thread, 0) == WAIT_OBJECT_0;
+    ::CloseHandle(thread);
+    return ended;
+}
+
 void SleepMs(uint32_t ms) noexcept {
     ::Sleep(ms);
 }
