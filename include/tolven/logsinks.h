@@ -13,6 +13,7 @@
 
 #include "tolven/logapi.h"
 #include "tolven/quicklock.h"
+#include "tolven/simplelogfile.h"
 
 namespace TOLVEN {
 
@@ -137,6 +138,31 @@ class OdsLogger : public StandardLogSink {
 
   protected:
     void OnItemLogged(_LOGGER_CB_DATA* const data) override;
+};
+
+// Each message as one line of a dated text file (simplelogfile, stamped): the time of the
+// write, "WARN:" or "ERROR:" for those levels, and the text. Lines reach the disk through
+// the background writer, so a message may take half a second to show in the file. Not
+// thread-safe (see StandardLogSink).
+class DatedFileLogger : public StandardLogSink {
+  public:
+    DatedFileLogger();
+    // Term.
+    ~DatedFileLogger() override;
+    // Unregisters, opens the file as simplelogfile::Init does and registers; false (and
+    // unregistered) when the file cannot be opened.
+    bool Init(const char* name, const char* directory, const char* rollText, int keepDays,
+              bool dated, const char* archiveDirectory);
+    // Unregisters, delivering what is queued, then closes the file.
+    void Term();
+    // The file, for its name and figures.
+    simplelogfile& GetLogFile() noexcept { return file_; }
+
+  protected:
+    void OnItemLogged(_LOGGER_CB_DATA* const data) override;
+
+  private:
+    simplelogfile file_;
 };
 
 // Each message as one UDP datagram to a syslog collector,

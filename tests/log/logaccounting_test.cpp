@@ -5,8 +5,11 @@
 #include <vector>
 
 #include "log/LogAccounting.h"
+#include "log/logfile_test_util.h"
 #include "log/sink_test_util.h"
 #include "service/service_test_util.h"
+#include "tolven/blobtyped.h"
+#include "tolven/logdb.h"
 
 using namespace TOLVEN;
 using sinktest::KeepSink;
@@ -78,4 +81,64 @@ TEST_F(LogOccurrences, ACountedCallMayRaiseTheLimitAndAResetStartsAnew) {
     EXPECT_EQ(LogN(5, LOGGER_WARN, nullptr, 7, "no file"), LOG_BAD_ARGUMENT);
     ASSERT_TRUE(LogFlush());
     EXPECT_EQ(sink.Texts(), std::vector<std::string>({"a", "b", "c", "d", "again"}));
+}
+
+// Rows are read back through the table contract, as an operator's command reads them.
+TEST(LogDbTable, ListsOpenFilesWithTheirFigures) {
+    ASSERT_TRUE(ForceLogDbCleanup());
+    LogDb& db = const_cast<LogDb&>(GetLogDb());
+    EXPECT_EQ(db.Count(), 0u);
+    tolven_test::ScratchDir dir;
+    char path[260];
+    {
+        simplelogfile file(true);
+        ASSERT_TRUE(file.Init("dbtest", dir.str().c_str(), nullptr, 0, false, nullptr));
+        ASSERT_TRUE(file.Log("twelve bytes"));
+        ASSERT_TRUE(file.Flush());
+        ASSERT_TRUE(file.GetFileName(path, sizeof path));
+        EXPECT_TRUE(LogAddFile(path, &file, true)) << "a listed path is not added twice";
+        ASSERT_EQ(db.Count(), 1u);
+
+        // The key is found without regard to case.
+        std::string upper = path;
+        for (char& c : upper)
+            if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+        _BLOB_INFO *key = nullptr, *row = nullptr;
+        ASSERT_EQ(CreateBlob(&key), BLOB_STATUS_SUCCESS);
+        ASSERT_EQ(CreateBlob(&row), BLOB_STATUS_SUCCESS);
+        ASSERT_EQ(AddStr(key, "LogFileName", upper.c_str(), upper.size()), BLOB_STATUS_SUCCESS);
+        csdb_context ctx;
+        ASSERT_EQ(db.FindExact(0, key, row, &ctx), CSDB_SUCCESS);
+        char name[260] = {};
+        uint64_t size = 0, pending = 0;
+        uint32_t operations = 9, maxOperations = 0;
+        EXPECT_EQ(GetByNameStr(row, "LogFileName", name, sizeof name), BLOB_STATUS_SUCCESS);
+        EXPECT_STREQ(name, path);
+        EXPECT_EQ(GetByNameU64(row, "FileSize", &size), BLOB_STATUS_SUCCESS);
+        EXPECT_EQ(GetByNameU64(row, "FileSizePending", &pending), BLOB_STATUS_SUCCESS);
+        EXPECT_EQ(GetByNameU32(row, "PendingOperations", &operations), BLOB_STATUS_SUCCESS);
+        EXPECT_EQ(GetByNameU32(row, "MaxPendingOperations", &maxOperations), BLOB_STATUS_SUCCESS);
+        const uint64_t line = std::string("(00:00:00.00000) twelve bytes\r\n").size();
+        EXPECT_EQ(size, line);
+        EXPECT_EQ(pending, line);
+        EXPECT_EQ(operations, 0u);
+        EXPECT_GE(maxOperations, 1u);
+        EXPECT_EQ(row->fieldCount, 5u);
+
+        // A row without a file shows only its name.
+        EXPECT_TRUE(LogAddFile(nullptr, nullptr, true));
+        EXPECT_EQ(db.Count(), 2u);
+        ASSERT_EQ(db.Begin(0, key, row, &ctx), CSDB_SUCCESS);
+        EXPECT_EQ(GetByNameStr(row, "LogFileName", name, sizeof name), BLOB_STATUS_SUCCESS);
+        EXPECT_STREQ(name, "");
+        EXPECT_EQ(row->fieldCount, 1u);
+        EXPECT_TRUE(LogAddFile("", nullptr, false));
+        EXPECT_FALSE(LogAddFile("never listed", nullptr, false));
+        (void)ReleaseBlob(&key);
+        (void)ReleaseBlob(&row);
+    }
+    EXPECT_EQ(db.Count(), 0u) << "a closed file leaves the table";
+    ASSERT_TRUE(LogAddFile("left behind", nullptr, true));
+    EXPECT_TRUE(ForceLogDbCleanup());
+    EXPECT_EQ(const_cast<LogDb&>(GetLogDb()).Count(), 0u) << "rebuilt empty";
 }

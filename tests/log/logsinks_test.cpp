@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "log/LogApiInternal.h"
+#include "log/logfile_test_util.h"
 #include "log/sink_test_util.h"
 #include "tolven/logsinks.h"
 #include "wine_gaps.h"
@@ -135,4 +136,26 @@ TEST(LogSinks, ASlowSinkHoldsNoProducer) {
     sink.open = true;
     ASSERT_TRUE(LogFlush());
     EXPECT_EQ(sink.Texts().size(), 4001u);
+}
+
+TEST(LogSinks, DatedFileSinkWritesPrefixedLinesAtItsLevel) {
+    tolven_test::ScratchDir dir;
+    DatedFileLogger sink;
+    sink.SetLoggingLevel(LOGGER_WARN);
+    EXPECT_FALSE(sink.Init("", dir.str().c_str(), nullptr, 0, false, nullptr));
+    ASSERT_TRUE(sink.Init("sink", dir.str().c_str(), nullptr, 0, false, nullptr));
+    EXPECT_EQ(sink.GetLoggingLevel(), LOGGER_WARN);
+    ASSERT_EQ(Log(LOGGER_NORMAL, "below"), LOG_SUCCESS);
+    ASSERT_EQ(Log(LOGGER_WARN, "careful %d", 1), LOG_SUCCESS);
+    ASSERT_EQ(Log(LOGGER_ERROR, "broken"), LOG_SUCCESS);
+    sink.SetLoggingLevel(LOGGER_TRACE);
+    ASSERT_EQ(Log(LOGGER_TRACE, "detail"), LOG_SUCCESS);
+    char path[260];
+    ASSERT_TRUE(sink.GetLogFile().GetFileName(path, sizeof path));
+    sink.Term();  // delivers, then waits for the disk
+    const std::vector<std::string> lines = tolven_test::CrlfLines(tolven_test::Slurp(path));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_TRUE(std::regex_match(lines[0], std::regex(std::string(kStamp) + "WARN: careful 1")));
+    EXPECT_TRUE(std::regex_match(lines[1], std::regex(std::string(kStamp) + "ERROR: broken")));
+    EXPECT_TRUE(std::regex_match(lines[2], std::regex(std::string(kStamp) + "detail")));
 }

@@ -2,14 +2,13 @@
 
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "log/LogSinksInternal.h"
+#include "log/logfile_test_util.h"
 #include "log/sink_test_util.h"
 #include "log/syslog_collector.h"
-#include "platform/process.h"
 #include "platform/socket.h"
 #include "tolven/configreader.h"
 #include "tolven/logsinks.h"
@@ -17,7 +16,6 @@
 using namespace TOLVEN;
 using sinktest::KeepSink;
 using sinktest::Log;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -47,19 +45,8 @@ uint16_t ClosedPort() {
 
 class Syslog : public ::testing::Test {
   protected:
-    void SetUp() override {
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        folder_ = fs::temp_directory_path() / ("tolven_syslog_" + std::string(info->name()) + "_" +
-                                               std::to_string(platform::CurrentProcessId()));
-        fs::remove_all(folder_);
-        fs::create_directories(folder_);
-        config_ = MemoryConfigReader::CreateObject();
-    }
-    void TearDown() override {
-        config_->Release();
-        std::error_code ignored;
-        fs::remove_all(folder_, ignored);
-    }
+    void SetUp() override { config_ = MemoryConfigReader::CreateObject(); }
+    void TearDown() override { config_->Release(); }
     void Set(const char* item, unsigned int value) {
         ASSERT_EQ(config_->WriteUINT(nullptr, item, value), configreader_success);
     }
@@ -74,7 +61,7 @@ class Syslog : public ::testing::Test {
         return messages.Saw(message);
     }
 
-    fs::path folder_;
+    tolven_test::ScratchDir folder_;
     MemoryConfigReader* config_ = nullptr;
 };
 
@@ -124,7 +111,7 @@ TEST_F(Syslog, SettingsAreCheckedWithTheirMessages) {
 TEST_F(Syslog, DatagramsReachARealCollectorByteForByte) {
     std::string why;
     const std::unique_ptr<sinktest::SyslogCollector> collector =
-        sinktest::StartSyslogCollector(folder_.string(), &why);
+        sinktest::StartSyslogCollector(folder_.str(), &why);
     if (collector == nullptr) GTEST_SKIP() << "no syslog collector: " << why;
     RecordProperty("collector", collector->Name());
     Set("SyslogHost", "127.0.0.1");

@@ -50,19 +50,16 @@ bool SyslogLogger::Init(ConfigReader* config, const char* ident) {
         config != nullptr ? config->ReadString(nullptr, "SyslogMinLevel", levelText, &levelSize)
                           : missing;
 
-    if (portStatus != configreader_success) {
-        TOLVEN_LOG(LOGGER_ERROR, kFile, kInit, "Failed to read parameter SyslogPort, error %u",
-                   static_cast<unsigned>(portStatus));
-        return false;
-    }
-    if (priorityStatus != configreader_success) {
-        TOLVEN_LOG(LOGGER_ERROR, kFile, kInit, "Failed to read parameter SyslogPriority, error %u",
-                   static_cast<unsigned>(priorityStatus));
-        return false;
-    }
-    if (hostStatus != configreader_success) {
-        TOLVEN_LOG(LOGGER_ERROR, kFile, kInit, "Failed to read parameter SyslogHost, error %u",
-                   static_cast<unsigned>(hostStatus));
+    // The three settings without a default, in the order they were read.
+    const struct {
+        const char* name;
+        configreader_status status;
+    } required[] = {
+        {"SyslogPort", portStatus}, {"SyslogPriority", priorityStatus}, {"SyslogHost", hostStatus}};
+    for (const auto& setting : required) {
+        if (setting.status == configreader_success) continue;
+        TOLVEN_LOG(LOGGER_ERROR, kFile, kInit, "Failed to read parameter %s, error %u",
+                   setting.name, static_cast<unsigned>(setting.status));
         return false;
     }
     if (levelStatus != configreader_success) {

@@ -11,4 +11,5 @@ list(APPEND TOLVEN_SOURCES
     utils/log/LogAccounting.cpp
     utils/log/StandardLogSink.cpp
     utils/log/ConsoleLogger.cpp
+    utils/log/DatedFileLogger.cpp
     utils/log/SyslogLogger.cpp)
