@@ -71,7 +71,7 @@ bool WriteConsoleLine(const char* text, console_color color) {
         if (!platform::OpenConsoleOutput(&c.output)) return false;
         c.open = true;
     }
-    return platform::WriteConsoleOutput(c.output, text, std::strlen(text), color);
+    return platform::WriteConsoleText(c.output, text, std::strlen(text), color);
 }
 
 // ---- ConsoleLogger -------------------------------------------------------------------------

@@ -19,7 +19,7 @@ bool OpenConsoleOutput(ConsoleOutput* out) noexcept;
 // (bright red, green, yellow) colours the text and the console's colours are put back
 // after it; 0, or output that is no terminal, writes the bytes alone (ANSI sequences on
 // POSIX terminals, text attributes on Windows consoles). True when every byte went out.
-bool WriteConsoleOutput(const ConsoleOutput& console, const char* text, size_t length,
-                        uint32_t colour) noexcept;
+bool WriteConsoleText(const ConsoleOutput& console, const char* text, size_t length,
+                      uint32_t colour) noexcept;
 
 }  // namespace TOLVEN::platform

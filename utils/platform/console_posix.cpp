@@ -18,8 +18,8 @@ bool OpenConsoleOutput(ConsoleOutput* out) noexcept {
     return true;
 }
 
-bool WriteConsoleOutput(const ConsoleOutput& console, const char* text, size_t length,
-                        uint32_t colour) noexcept {
+bool WriteConsoleText(const ConsoleOutput& console, const char* text, size_t length,
+                      uint32_t colour) noexcept {
     static const char* const kColours[] = {nullptr, "\x1b[91m", "\x1b[92m", "\x1b[93m"};
     static const char kReset[] = "\x1b[0m";
     const bool coloured = console.terminal && colour >= 1 && colour <= 3;

@@ -1,11 +1,20 @@
+#include <io.h>
+
+#include <cstdio>
+
 #include "platform/console.h"
 #include "platform/win32_api.h"
 
 namespace TOLVEN::platform {
 namespace {
 
+// Standard output as the C runtime has it now (it follows a redirection of descriptor 1),
+// else the process's standard handle.
 HANDLE StdOut() {
-    const HANDLE handle = ::GetStdHandle(STD_OUTPUT_HANDLE);
+    const int fd = ::_fileno(stdout);  // negative in a process without a console
+    HANDLE handle = fd >= 0 ? reinterpret_cast<HANDLE>(::_get_osfhandle(fd)) : nullptr;
+    if (handle == INVALID_HANDLE_VALUE || handle == nullptr)
+        handle = ::GetStdHandle(STD_OUTPUT_HANDLE);
     return handle == INVALID_HANDLE_VALUE ? nullptr : handle;
 }
 
@@ -34,8 +43,8 @@ bool OpenConsoleOutput(ConsoleOutput* out) noexcept {
     return true;
 }
 
-bool WriteConsoleOutput(const ConsoleOutput& console, const char* text, size_t length,
-                        uint32_t colour) noexcept {
+bool WriteConsoleText(const ConsoleOutput& console, const char* text, size_t length,
+                      uint32_t colour) noexcept {
     static const WORD kAttributes[] = {0, 12, 10, 14};
     const HANDLE handle = StdOut();
     if (handle == nullptr) return false;
