@@ -10,7 +10,6 @@
 #include "log/logfile_test_util.h"
 #include "log/sink_test_util.h"
 #include "tolven/logsinks.h"
-#include "wine_gaps.h"
 
 using namespace TOLVEN;
 using sinktest::KeepSink;
@@ -18,11 +17,15 @@ using sinktest::Log;
 
 namespace {
 
+// The lines of captured output. Every line ends in CR LF; on Windows the capture is read
+// back in text mode, which turns CR LF into LF.
 std::vector<std::string> SplitLines(const std::string& text) {
+    const bool crlf = text.find('\r') != std::string::npos;
+    const std::string end = crlf ? "\r\n" : "\n";
     std::vector<std::string> lines;
     size_t at = 0;
-    for (size_t end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2)
-        lines.push_back(text.substr(at, end - at));
+    for (size_t stop; (stop = text.find(end, at)) != std::string::npos; at = stop + end.size())
+        lines.push_back(text.substr(at, stop - at));
     EXPECT_EQ(at, text.size()) << "every line ends in CR LF";
     return lines;
 }
@@ -64,7 +67,6 @@ TEST(ConsoleSinks, ConsoleWritesStampedLinesAndTheDebuggerSinkNothing) {
         EXPECT_TRUE(WriteConsoleLine("raw", CONSOLE_COLOR_GREEN));
     }
     const std::string out = testing::internal::GetCapturedStdout();
-    if (out.empty()) TOLVEN_SKIP_UNDER_WINE("the console writes nothing into a pipe");
     ASSERT_EQ(out.substr(out.size() - 3), "raw");
     const std::vector<std::string> lines = SplitLines(out.substr(0, out.size() - 3));
     ASSERT_EQ(lines.size(), 2u) << out;
@@ -91,7 +93,6 @@ TEST(ConsoleSinks, BufferedConsoleHoldsTheLastThousandLines) {
     ASSERT_TRUE(LogFlush());
     sink.Stop();
     const std::string out = testing::internal::GetCapturedStdout();
-    if (out.empty()) TOLVEN_SKIP_UNDER_WINE("the console writes nothing into a pipe");
     const std::vector<std::string> lines = SplitLines(out);
     ASSERT_EQ(lines.size(), 1001u);
     EXPECT_TRUE(std::regex_match(lines[0], std::regex(std::string(kStamp) + "line 500")));
