@@ -142,8 +142,9 @@ class AsyncThreadPool : public ReferencedObj {
 //
 // Write, WaitPending, Flush, ReadAt, WriteNow and the accessors are safe for concurrent
 // use; the caller serialises its own Writes (it gives each its position) and must not
-// race Open or Close with anything else. Lock order: the file lock and the accounting lock
-// are never held together.
+// race Open or Close with anything else. The calls that wait for the writer (WaitPending,
+// Flush, ReadAt, WriteNow, Close) must not come from the writer's own thread. Lock order:
+// the file lock and the accounting lock are never held together.
 class asyncfile : public AsyncEvents {
   public:
     // A closed file, holding a reference on the writer.
