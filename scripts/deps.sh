@@ -8,6 +8,7 @@ packages=(
     googletest libgtest-dev libbenchmark-dev
     libsimpleini-dev liblua5.1-0-dev libminizip-dev zlib1g-dev libxml2-dev
     libnuma-dev uuid-dev
+    rsyslog
     "$@"
 )
 

@@ -11,9 +11,9 @@
 //
 // Callbacks run on "LogThread" with the API lock held, one message at a time, in the order
 // the messages entered the ring; what the last LogTermApi finds left over is delivered on
-// that caller's thread, after "LogThread" has ended. A callback may call LogAddCallbackFunc, GetLoggingLevel,
-// SetLoggingLevel, IsLogged and LogProcessEvent. LogFlush called from a callback returns
-// false at once (it would wait for its own thread), and LogRemoveCallback from a callback
+// that caller's thread, after "LogThread" has ended. A callback may call LogAddCallbackFunc,
+// GetLoggingLevel, SetLoggingLevel, IsLogged and LogProcessEvent. LogFlush called from a callback
+// returns false at once (it would wait for its own thread), and LogRemoveCallback from a callback
 // takes effect after the current message. A message logged from a callback while the ring
 // is full is dropped, since only this thread could make room for it.
 //
@@ -112,6 +112,19 @@ inline log_status LogProcessEvent(logger_event_level level, const char* file, ui
     if (!detail::LevelHasListeners(level)) return LOG_SUCCESS;
     return detail::LogProcessEnabledEvent(level, file, line, function, format, args, userValue);
 }
+
+// LogProcessEvent with a limit per call site. A site is its `line` and the text of its
+// `file` (two pointers to equal names are one site). The first call of a site logs and
+// counts nothing; each later call counts one, and once `maxCount` calls have been counted
+// the site gives LOG_COUNT_EXCEEDED without formatting anything. So a site logs
+// `maxCount` + 1 times (once for 0 or below). Each counted call stores its own `maxCount`,
+// so a site may raise its limit. A call is counted even when nobody listens to its level.
+// `file` must stay valid until LogNReset: the table keeps it by address.
+log_status LogProcessEventEx(int maxCount, logger_event_level level, const char* file,
+                             uint32_t line, const char* function, const char* format, va_list args,
+                             uint32_t userValue);
+// Forgets every site of LogProcessEventEx, so that all start anew.
+void LogNReset();
 
 // True when some callback takes messages of exactly `level`.
 bool IsLogged(logger_event_level level);

@@ -21,6 +21,8 @@
 #include "tolven/fstring.h"
 #include "tolven/iniconfigreader.h"
 #include "tolven/logapi.h"
+#include "tolven/logdb.h"
+#include "tolven/logsinks.h"
 #include "tolven/mkdbimpl.h"
 #include "tolven/osutils.h"
 #include "tolven/quicklock.h"

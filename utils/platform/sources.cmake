@@ -14,8 +14,10 @@ if(WIN32)
         utils/platform/file_win32.cpp
         utils/platform/filewatch_win32.cpp
         utils/platform/directory_win32.cpp
-        utils/platform/periodictimer_win32.cpp)
-    set(TOLVEN_PLATFORM_LIBS version psapi shlwapi winmm)
+        utils/platform/periodictimer_win32.cpp
+        utils/platform/console_win32.cpp
+        utils/platform/socket_win32.cpp)
+    set(TOLVEN_PLATFORM_LIBS version psapi shlwapi winmm ws2_32)
 else()
     list(APPEND TOLVEN_SOURCES
         utils/platform/critical_section_posix.cpp
@@ -30,7 +32,9 @@ else()
         utils/platform/file_posix.cpp
         utils/platform/filewatch_posix.cpp
         utils/platform/directory_posix.cpp
-        utils/platform/periodictimer_posix.cpp)
+        utils/platform/periodictimer_posix.cpp
+        utils/platform/console_posix.cpp
+        utils/platform/socket_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 # Code that is the same on every platform.

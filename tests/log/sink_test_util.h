@@ -1,0 +1,69 @@
+// A sink that keeps what it receives, for the sink and accounting tests.
+#pragma once
+
+#include <cstdarg>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tolven/logsinks.h"
+
+namespace sinktest {
+
+// Registered at TRACE from construction to destruction.
+class KeepSink : public TOLVEN::StandardLogSink {
+  public:
+    explicit KeepSink(TOLVEN::logger_event_level level = TOLVEN::LOGGER_TRACE) {
+        SetLoggingLevel(level);
+        (void)SinkEvents(true);
+    }
+    ~KeepSink() override { (void)SinkEvents(false); }
+    using StandardLogSink::CallbackId;
+    using StandardLogSink::SinkEvents;
+
+    std::vector<std::string> Texts() {
+        std::lock_guard<std::mutex> guard(lock_);
+        return texts_;
+    }
+    std::vector<TOLVEN::_LOGGER_CB_DATA> Data() {
+        std::lock_guard<std::mutex> guard(lock_);
+        return data_;
+    }
+    // True when some message contains `part`.
+    bool Saw(const std::string& part) {
+        std::lock_guard<std::mutex> guard(lock_);
+        for (const std::string& t : texts_)
+            if (t.find(part) != std::string::npos) return true;
+        return false;
+    }
+    void Clear() {
+        std::lock_guard<std::mutex> guard(lock_);
+        texts_.clear();
+        data_.clear();
+    }
+
+  protected:
+    void OnItemLogged(TOLVEN::_LOGGER_CB_DATA* const data) override {
+        std::lock_guard<std::mutex> guard(lock_);
+        texts_.emplace_back(data->text);
+        data_.push_back(*data);
+        data_.back().text = nullptr;  // gone after the call
+    }
+
+  private:
+    std::mutex lock_;
+    std::vector<std::string> texts_;
+    std::vector<TOLVEN::_LOGGER_CB_DATA> data_;
+};
+
+// Logs at `level` from one fixed site.
+inline TOLVEN::log_status Log(TOLVEN::logger_event_level level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const TOLVEN::log_status st =
+        TOLVEN::LogProcessEvent(level, "sink_test", 1, "Test::Log", format, args, 0);
+    va_end(args);
+    return st;
+}
+
+}  // namespace sinktest
