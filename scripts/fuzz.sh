@@ -69,9 +69,13 @@ for t in "${targets[@]}"; do
     echo "== $t: ${seconds}s"
     # Findings are told apart from older ones by a marker taken before the run.
     touch "$dir/.start"
+    # What a target writes to the temporary folder stays beside its findings.
+    rm -rf "$dir/tmp"
+    mkdir -p "$dir/tmp"
     rc=0
-    "$bin" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-        -artifact_prefix="$dir/findings/" ${TOLVEN_FUZZ_FLAGS:-} "$dir/corpus" "${seeds[@]}" >"$dir/log" 2>&1 || rc=$?
+    TMPDIR=$dir/tmp "$bin" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+        -print_final_stats=1 -artifact_prefix="$dir/findings/" ${TOLVEN_FUZZ_FLAGS:-} \
+        "$dir/corpus" "${seeds[@]}" >"$dir/log" 2>&1 || rc=$?
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$dir/log" | tail -n 1)
     last=$(grep -E '^#[0-9]+' "$dir/log" | grep 'cov:' | tail -n 1 || true)
     cov=$(sed -n 's/.* cov: \([0-9]*\).*/\1/p' <<<"$last")
@@ -87,7 +91,8 @@ for t in "${targets[@]}"; do
         failed+=("$t")
         summary+=("$line FAILED (exit $rc, ${#found[@]} finding(s))")
         echo "-- $t failed with exit code $rc; the end of its output ($dir/log):"
-        grep -E 'ERROR|SUMMARY|runtime error|deadly signal|Test unit written' "$dir/log" | head -n 20 || true
+        grep -E 'ERROR|SUMMARY|runtime error|deadly signal|Test unit written' "$dir/log" |
+            head -n 20 || true
         tail -n 30 "$dir/log"
         for f in "${found[@]}"; do
             echo "-- input $f:"
