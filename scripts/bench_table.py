@@ -6,7 +6,8 @@ Usage: bench_table.py BIN_DIR RESULTS_DIR [FILTER]
 The rows come from bench/targets.tsv. FILTER (a regular expression, any case) picks the
 programs whose name it matches; when it matches no program name, it picks the rows whose
 operation, benchmark names or peer it matches, and only their benchmarks run. Each program
-runs with 5 repetitions (TOLVEN_BENCH_REPETITIONS changes that); its JSON goes to
+runs with 5 repetitions (TOLVEN_BENCH_REPETITIONS changes that, TOLVEN_BENCH_FLAGS adds
+flags such as --benchmark_min_time=0.01 for a quick look); its JSON goes to
 RESULTS_DIR/<program>.json and its console output to RESULTS_DIR/<program>.log.
 
 A row whose peer package is not installed, or whose program was not built, is left out and
@@ -85,6 +86,7 @@ def run_program(binary, results, program, names, repetitions):
     args = [binary, f"--benchmark_repetitions={repetitions}",
             "--benchmark_report_aggregates_only=true",
             f"--benchmark_out={json_path}", "--benchmark_out_format=json"]
+    args += os.environ.get("TOLVEN_BENCH_FLAGS", "").split()
     if names is not None:
         args.append("--benchmark_filter=^(" + "|".join(regex_literal(n) for n in names) + ")$")
     print(f"running bench_{program} ...", end=" ", flush=True)
@@ -144,20 +146,25 @@ def value(entry, metric):
     return v, "plain"
 
 
+def sig3(x):
+    """Three significant digits, trailing zeros kept: 1.00, 12.5, 106."""
+    return f"{x:#.3g}".rstrip(".")
+
+
 def figure(v, kind):
     if v is None or (isinstance(v, float) and math.isnan(v)):
         return DASH
     if kind == "time":
         for unit, scale in (("s", 1e9), ("ms", 1e6), ("\u00b5s", 1e3)):
             if v >= scale:
-                return f"{v / scale:#.3g} {unit}"
-        return f"{v:#.3g} ns"
+                return f"{sig3(v / scale)} {unit}"
+        return f"{sig3(v)} ns"
     if kind == "rate":
         for unit, scale in (("G/s", 1e9), ("M/s", 1e6), ("k/s", 1e3)):
             if v >= scale:
-                return f"{v / scale:#.3g} {unit}"
-        return f"{v:#.3g} /s"
-    return f"{v:#.3g}"
+                return f"{sig3(v / scale)} {unit}"
+        return f"{sig3(v)} /s"
+    return sig3(v)
 
 
 def check(target, ours, ratio):

@@ -8,7 +8,7 @@
 # /tmp/tolven-fuzz): <target>/corpus/ grows from run to run, <target>/findings/ keeps the
 # inputs that crashed, leaked or timed out, and <target>/log the last run's output. A finding
 # is printed in hex, and the script fails once every target has run. TOLVEN_FUZZ_FLAGS adds
-# libFuzzer flags (say "-dict=..." or "-jobs=2").
+# libFuzzer flags (say "-max_len=65536" or "-dict=FILE").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
