@@ -1,6 +1,2 @@
-find_package(Poco COMPONENTS Util Foundation)
-if(Poco_FOUND)
-    tolven_add_bench(config SOURCES config_bench.cpp LIBS Poco::Util Poco::Foundation)
-else()
-    message(STATUS "POCO not found: bench_config is not built")
-endif()
+# The INI reader against POCO's IniFileConfiguration.
+tolven_add_bench(config SOURCES config_bench.cpp PEERS POCO)

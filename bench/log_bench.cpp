@@ -7,12 +7,8 @@
 //   figures include the clock readings around the call; ClockOnly shows what they cost.
 // - Throughput: messages per second to a callback (sink) that counts, waiting until the
 //   last one has arrived; our callback also checks that sequence numbers are contiguous.
+// Without spdlog (TOLVEN_BENCH_HAVE_SPDLOG undefined) only our side is built.
 #include <benchmark/benchmark.h>
-#include <spdlog/async.h>
-#include <spdlog/async_logger.h>
-#include <spdlog/sinks/base_sink.h>
-#include <spdlog/sinks/null_sink.h>
-#include <spdlog/spdlog.h>
 
 #include <algorithm>
 #include <atomic>
@@ -24,6 +20,14 @@
 #include <vector>
 
 #include "tolven/logapi.h"
+
+#ifdef TOLVEN_BENCH_HAVE_SPDLOG
+#include <spdlog/async.h>
+#include <spdlog/async_logger.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/null_sink.h>
+#include <spdlog/spdlog.h>
+#endif
 
 using namespace TOLVEN;
 
@@ -104,6 +108,7 @@ void BM_Disabled_Tolven_Macro(benchmark::State& state) {
 }
 BENCHMARK(BM_Disabled_Tolven_Macro);
 
+#ifdef TOLVEN_BENCH_HAVE_SPDLOG
 // ---- spdlog ------------------------------------------------------------------------------
 
 class CountingSink : public spdlog::sinks::sink {
@@ -150,6 +155,7 @@ void BM_Disabled_Spdlog_ShouldLog(benchmark::State& state) {
         benchmark::DoNotOptimize(logger->should_log(spdlog::level::trace));
 }
 BENCHMARK(BM_Disabled_Spdlog_ShouldLog);
+#endif
 
 // ---- latency -------------------------------------------------------------------------------
 
@@ -219,6 +225,7 @@ BENCHMARK(BM_Latency_Tolven)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
+#ifdef TOLVEN_BENCH_HAVE_SPDLOG
 void BM_Latency_Spdlog(benchmark::State& state) {
     auto logger = SpdLogger(std::make_shared<spdlog::sinks::null_sink_mt>());
     MeasureLatency(state, static_cast<int>(state.range(0)),
@@ -231,6 +238,7 @@ BENCHMARK(BM_Latency_Spdlog)
     ->Iterations(1)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
+#endif
 
 // ---- throughput ----------------------------------------------------------------------------
 
@@ -269,6 +277,7 @@ BENCHMARK(BM_Throughput_Tolven)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
+#ifdef TOLVEN_BENCH_HAVE_SPDLOG
 void BM_Throughput_Spdlog(benchmark::State& state) {
     auto sink = std::make_shared<CountingSink>();
     auto logger = SpdLogger(sink);
@@ -299,5 +308,6 @@ BENCHMARK(BM_Throughput_Spdlog)
     ->Iterations(3)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
+#endif
 
 }  // namespace

@@ -214,7 +214,7 @@ void BM_Delay_Tolven_simplelogfile(benchmark::State& state) {
     file.Term();
 }
 BENCHMARK(BM_Delay_Tolven_simplelogfile)
-    ->Iterations(40)
+    ->Iterations(20)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 

@@ -5,16 +5,15 @@
 // dlopen into a scope of its own so that none replaces the process's malloc, and called
 // through its own entry points (mi_malloc/mi_free, mallocx/dallocx, tc_malloc/tc_free);
 // boost::object_pool and boost::pool. jemalloc needs static TLS room that dlopen does not
-// give by default, so the program restarts itself once with glibc's tunable for it.
-// Linux only.
+// give by default, so the program restarts itself once with glibc's tunable for it. A peer
+// library that is not installed skips its rows; without Boost (TOLVEN_BENCH_HAVE_BOOST
+// undefined) the pools are left out. Linux only.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <malloc.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <boost/pool/object_pool.hpp>
-#include <boost/pool/pool.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,6 +29,11 @@
 #include "tolven/blockallocator.h"
 #include "tolven/blockallocstatmngr.h"
 #include "tolven/fastblockallocator.h"
+
+#ifdef TOLVEN_BENCH_HAVE_BOOST
+#include <boost/pool/object_pool.hpp>
+#include <boost/pool/pool.hpp>
+#endif
 
 using namespace TOLVEN;
 
@@ -120,6 +124,7 @@ using MimallocSide = PeerSide<&g_mimalloc>;
 using JemallocSide = PeerSide<&g_jemalloc>;
 using TcmallocSide = PeerSide<&g_tcmalloc>;
 
+#ifdef TOLVEN_BENCH_HAVE_BOOST
 template <size_t N>
 struct Payload {
     unsigned char bytes[N];
@@ -149,6 +154,7 @@ struct BoostPoolSide {
     void Put(void* p) { pool.free(p); }
     static constexpr bool kThreadSafe = false;
 };
+#endif
 
 template <class Side>
 bool Usable(benchmark::State& state) {
@@ -201,16 +207,20 @@ ONE_THREAD(GetRelease, GlibcSide);
 ONE_THREAD(GetRelease, MimallocSide);
 ONE_THREAD(GetRelease, JemallocSide);
 ONE_THREAD(GetRelease, TcmallocSide);
+#ifdef TOLVEN_BENCH_HAVE_BOOST
 ONE_THREAD(GetRelease, BoostObjectPoolSide);
 ONE_THREAD(GetRelease, BoostPoolSide);
+#endif
 ONE_THREAD(GetReleaseBurst, FastSide);
 ONE_THREAD(GetReleaseBurst, BlockSide);
 ONE_THREAD(GetReleaseBurst, GlibcSide);
 ONE_THREAD(GetReleaseBurst, MimallocSide);
 ONE_THREAD(GetReleaseBurst, JemallocSide);
 ONE_THREAD(GetReleaseBurst, TcmallocSide);
+#ifdef TOLVEN_BENCH_HAVE_BOOST
 ONE_THREAD(GetReleaseBurst, BoostObjectPoolSide);
 ONE_THREAD(GetReleaseBurst, BoostPoolSide);
+#endif
 
 // ---- two threads: the producer allocates, the consumer frees ---------------------------------
 

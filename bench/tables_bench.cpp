@@ -1,11 +1,9 @@
 // The multi-key table against Boost.MultiIndex with the same indexes: an ordered unique
 // 64-bit key and an ordered non-unique string key, 100000 rows. The record lock against an
-// uncontended std::mutex.
+// uncontended std::mutex. Without Boost (TOLVEN_BENCH_HAVE_BOOST undefined) only our side is
+// built.
 #include <benchmark/benchmark.h>
 
-#include <boost/multi_index/member.hpp>
-#include <boost/multi_index/ordered_index.hpp>
-#include <boost/multi_index_container.hpp>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +13,12 @@
 #include "tolven/autothread.h"
 #include "tolven/event.h"
 #include "tolven/mkdbimpl.h"
+
+#ifdef TOLVEN_BENCH_HAVE_BOOST
+#include <boost/multi_index/member.hpp>
+#include <boost/multi_index/ordered_index.hpp>
+#include <boost/multi_index_container.hpp>
+#endif
 
 using namespace TOLVEN;
 
@@ -70,10 +74,12 @@ void AddIndexes(T& table) {
     (void)table.AddIndex(new treeindex<true, Name, Row, NameTraits, Alloc, NotNullable>, 1, true);
 }
 
+#ifdef TOLVEN_BENCH_HAVE_BOOST
 namespace bmi = boost::multi_index;
 using Peer = bmi::multi_index_container<
     Row, bmi::indexed_by<bmi::ordered_unique<bmi::member<Row, uint64_t, &Row::id>>,
                          bmi::ordered_non_unique<bmi::member<Row, Name, &Row::name>, NameLess>>>;
+#endif
 
 // Rows in a scrambled id order, names shared by about ten rows each.
 const std::vector<Row>& Rows() {
@@ -112,6 +118,7 @@ void BM_InsertEraseAll_Ours(benchmark::State& state) {
 }
 BENCHMARK(BM_InsertEraseAll_Ours)->Unit(benchmark::kMillisecond);
 
+#ifdef TOLVEN_BENCH_HAVE_BOOST
 void BM_InsertEraseAll_Peer(benchmark::State& state) {
     Peer peer;
     for (auto _ : state) {
@@ -122,6 +129,7 @@ void BM_InsertEraseAll_Peer(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kRows);
 }
 BENCHMARK(BM_InsertEraseAll_Peer)->Unit(benchmark::kMillisecond);
+#endif
 
 void BM_FindByEachKey_Ours(benchmark::State& state) {
     Table table;
@@ -142,6 +150,7 @@ void BM_FindByEachKey_Ours(benchmark::State& state) {
 }
 BENCHMARK(BM_FindByEachKey_Ours)->Unit(benchmark::kMillisecond);
 
+#ifdef TOLVEN_BENCH_HAVE_BOOST
 void BM_FindByEachKey_Peer(benchmark::State& state) {
     Peer peer;
     for (const Row& r : Rows())
@@ -159,6 +168,7 @@ void BM_FindByEachKey_Peer(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kRows * 2);
 }
 BENCHMARK(BM_FindByEachKey_Peer)->Unit(benchmark::kMillisecond);
+#endif
 
 void BM_FullScan_Ours(benchmark::State& state) {
     Table table;
@@ -180,6 +190,7 @@ void BM_FullScan_Ours(benchmark::State& state) {
 }
 BENCHMARK(BM_FullScan_Ours)->Unit(benchmark::kMillisecond);
 
+#ifdef TOLVEN_BENCH_HAVE_BOOST
 void BM_FullScan_Peer(benchmark::State& state) {
     Peer peer;
     for (const Row& r : Rows())
@@ -195,6 +206,7 @@ void BM_FullScan_Peer(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kRows);
 }
 BENCHMARK(BM_FullScan_Peer)->Unit(benchmark::kMillisecond);
+#endif
 
 void BM_RecordLock_FindLockUnlock(benchmark::State& state) {
     TableRl table;

@@ -187,6 +187,8 @@ int main(int argc, char** argv) {
             hiresOnly = true;
         else if (std::strcmp(argv[i], "--timer") == 0)
             timerOnly = true;
+        else if (std::strncmp(argv[i], "--benchmark_", 12) == 0)
+            continue;  // scripts/bench.sh passes Google Benchmark's flags to every program
         else {
             std::fprintf(stderr, "usage: %s [--quick] [--hires | --timer]\n", argv[0]);
             return 1;
