@@ -27,19 +27,17 @@ struct SlotDetails {
 };
 
 namespace detail {
-// One thread's record of one slot: the generation it was set under and the value. Sixteen
-// bytes, so a get indexes with one shift and finds both words in one cache line. The
-// slot's context and callback are read from the process-wide table at thread exit, so the
-// record does not repeat them.
+// One thread's record of one slot.
 struct ExTlsRecord {
-    uint64_t generation;
+    uint64_t generation;  // read together with value on every get
     void* value;
+    uint64_t index;
+    void* context;
+    void (*callback)(void*);
 };
-// The calling thread's records, in table order. `data[size]` is always readable and holds
-// generation 0, which no allocated handle carries, so a get clamps its index instead of
-// branching on the bound.
+// The calling thread's records, in table order.
 struct ExTlsView {
-    const ExTlsRecord* data;
+    ExTlsRecord* data;
     uint64_t size;
 };
 #if TOLVEN_INLINE_THREAD_SLOTS
@@ -56,10 +54,9 @@ bool ExTlsFree(SlotDetails* slot);
 #if TOLVEN_INLINE_THREAD_SLOTS
 inline void* ExTlsGet(const SlotDetails* slot) noexcept {
     const detail::ExTlsView view = detail::t_exTlsView;
-    const uint64_t index = slot->index < view.size ? slot->index : view.size;
-    const detail::ExTlsRecord& r = view.data[index];
-    void* const value = r.value;
-    return r.generation == slot->generation ? value : nullptr;
+    if (slot->index >= view.size) return nullptr;
+    const detail::ExTlsRecord& r = view.data[slot->index];
+    return r.generation == slot->generation ? r.value : nullptr;
 }
 #else
 void* ExTlsGet(const SlotDetails* slot) noexcept;

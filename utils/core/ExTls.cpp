@@ -12,35 +12,22 @@
 
 namespace TOLVEN {
 
-namespace {
-// What a thread without records reads: one record of generation 0.
-constinit const detail::ExTlsRecord kNoRecord{0, nullptr};
-}  // namespace
-
 #if TOLVEN_INLINE_THREAD_SLOTS
 // A mirror of the native slot's vector, read inline by ExTlsGet. Static TLS keeps the read
 // a single segment-relative load.
 __attribute__((tls_model(
-    "initial-exec"))) constinit thread_local detail::ExTlsView detail::t_exTlsView{&kNoRecord, 0};
+    "initial-exec"))) constinit thread_local detail::ExTlsView detail::t_exTlsView{nullptr, 0};
 #endif
 
 namespace {
 
 using SlotRecord = detail::ExTlsRecord;
-// A thread's records, one per slot index it has set, then one record of generation 0 that
-// a get of an index beyond them reads instead.
 using ThreadRecords = std::vector<SlotRecord>;
-
-// The number of real records, without the closing one.
-uint64_t RecordCount(const ThreadRecords& records) noexcept {
-    return records.empty() ? 0 : records.size() - 1;
-}
 
 void Publish(ThreadRecords* records) noexcept {
 #if TOLVEN_INLINE_THREAD_SLOTS
-    detail::t_exTlsView = records != nullptr
-                              ? detail::ExTlsView{records->data(), RecordCount(*records)}
-                              : detail::ExTlsView{&kNoRecord, 0};
+    detail::t_exTlsView = records != nullptr ? detail::ExTlsView{records->data(), records->size()}
+                                             : detail::ExTlsView{nullptr, 0};
 #else
     (void)records;
 #endif
@@ -108,7 +95,7 @@ bool ExTlsFree(SlotDetails* slot) {
 #if !TOLVEN_INLINE_THREAD_SLOTS
 void* ExTlsGet(const SlotDetails* slot) noexcept {
     const auto* records = static_cast<const ThreadRecords*>(platform::GetThreadSlot());
-    if (records == nullptr || slot->index >= RecordCount(*records)) return nullptr;
+    if (records == nullptr || slot->index >= records->size()) return nullptr;
     const SlotRecord& r = (*records)[slot->index];
     return r.generation == slot->generation ? r.value : nullptr;
 }
@@ -121,11 +108,12 @@ bool ExTlsSet(const SlotDetails* slot, void* value) {
         records = new ThreadRecords;
         platform::SetThreadSlot(records);
     }
-    if (RecordCount(*records) <= slot->index) {
-        records->resize(slot->index + 2, SlotRecord{});
+    if (records->size() <= slot->index) {
+        records->resize(slot->index + 1, SlotRecord{});
         Publish(records);
     }
-    (*records)[slot->index] = SlotRecord{slot->generation, value};
+    (*records)[slot->index] =
+        SlotRecord{slot->generation, value, slot->index, slot->context, slot->callback};
     return true;
 }
 
