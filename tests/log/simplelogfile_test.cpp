@@ -354,14 +354,6 @@ TEST_F(LogFile, DebugLogFilesAreOnePerNameWhateverTheCase) {
     EXPECT_EQ(Slurp(Path("DebugABC2024_01_15.txt")), "(13:05:09.12345) debug\r\n");
 }
 
-TEST(LogFileList, RemovingAPathNotListedIsFalse) {
-    EXPECT_FALSE(LogAddFile("no such file", nullptr, false));
-    EXPECT_TRUE(LogAddFile("listed.txt", nullptr, true));
-    EXPECT_TRUE(LogAddFile("LISTED.TXT", nullptr, true));
-    EXPECT_TRUE(LogAddFile("Listed.txt", nullptr, false));
-    EXPECT_FALSE(LogAddFile("listed.txt", nullptr, false));
-}
-
 TEST_F(LogFile, FullDiskGivesAnErrorAndOneLogLineAndWritingResumes) {
     Messages messages(LOGGER_ERROR);
     simplelogfile file(false);
