@@ -416,6 +416,11 @@ class BasicSrv {
     ConfigReader* GetConfigReader() const;
     // Renames the service; null is ignored. The name with version stays as it was.
     void SetSrvName(const char* name);
+    // The lowest level the dated log file takes ("NORMAL" after construction, also with
+    // noFileLog).
+    logger_event_level GetFileLoggingLevel() const;
+    // Sets the lowest level the dated log file takes.
+    void SetFileLoggingLevel(logger_event_level level);
 
   protected:
     // Whether `callerId` may run every command under the first word `command`. Asked with

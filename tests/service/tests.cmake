@@ -3,4 +3,5 @@ tolven_add_test(commandline SOURCES
 tolven_add_test(service CONCURRENCY SOURCES
     service/dispatch_test.cpp
     service/lifecycle_test.cpp
-    service/config_test.cpp)
+    service/config_test.cpp
+    service/tick_test.cpp)

@@ -85,6 +85,12 @@ const char* BasicSrv::GetLogArchiveDir() const {
 int BasicSrv::GetLogFileDaysTillDelete() const {
     return impl_->GetLogFileDaysTillDelete();
 }
+logger_event_level BasicSrv::GetFileLoggingLevel() const {
+    return impl_->GetFileLoggingLevel();
+}
+void BasicSrv::SetFileLoggingLevel(logger_event_level level) {
+    impl_->SetFileLoggingLevel(level);
+}
 ConfigReader* BasicSrv::GetConfigReader() const {
     return impl_->GetConfigReader();
 }

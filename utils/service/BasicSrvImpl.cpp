@@ -2,6 +2,7 @@
 // lifecycle, the event sinks and the accessors.
 #include "service/BasicSrvImpl.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -18,6 +19,10 @@ namespace {
 constexpr const char* kFile = "BasicSrvImpl";
 constexpr const char* kConstruct = "TOLVEN::BasicSrvImpl::Construct";
 constexpr int kDefaultDaysTillDelete = 7;
+constexpr const char* kTimerName = "BasicSrv";
+
+std::atomic<uint32_t> gMaintenanceIntervalMs{0};
+std::atomic<TimerClock*> gMaintenanceClock{nullptr};
 
 // Removes every trailing '\' and '/'.
 std::string TrimDirectory(const char* directory) {
@@ -107,6 +112,8 @@ void BasicSrvImpl::Construct(const _BASICSRV_STARTUP_INFO* info) {
     }
     if (daysTillDelete_ < 0) daysTillDelete_ = kDefaultDaysTillDelete;
 
+    fileLogger_.SetLoggingLevel(LOGGER_NORMAL);
+
     logStem_ = srvName_;
     if (!configName_.empty()) logStem_ += "_" + configName_ + "_";
 
@@ -191,18 +198,60 @@ BasicSrvImpl::~BasicSrvImpl() {
     (void)UnregisterAllCommands();
 }
 
-// ---- seams -----------------------------------------------------------------------------
-// The dated log file and the maintenance timer join here once they exist; the built-in
-// commands beyond quit and help, and the discovery of embedded configuration files, too.
+// ---- the dated log and the maintenance tick ---------------------------------------------
 
-void BasicSrvImpl::OpenDatedLog() {}
-void BasicSrvImpl::CloseDatedLog() {}
-void BasicSrvImpl::AddMaintenanceCallback() {}
-void BasicSrvImpl::RemoveMaintenanceCallback() {}
-bool BasicSrvImpl::StartMaintenanceTimer() {
-    return true;
+void BasicSrvImpl::OpenDatedLog() {
+    // A log that cannot be opened leaves the service without a file; Init has said why.
+    (void)fileLogger_.Init(logStem_.c_str(), logDirectory_.c_str(), nameWithVersion_.c_str(),
+                           daysTillDelete_, true,
+                           archiveDirectory_.empty() ? nullptr : archiveDirectory_.c_str());
 }
-void BasicSrvImpl::StopMaintenanceTimer() {}
+
+void BasicSrvImpl::CloseDatedLog() {
+    fileLogger_.Term();
+}
+
+void BasicSrvImpl::AddMaintenanceCallback() {
+    (void)timer_.AddCallback(&BasicSrvImpl::MaintenanceTick, this, &timerCallbackId_);
+}
+
+void BasicSrvImpl::RemoveMaintenanceCallback() {
+    (void)timer_.RemoveCallback(timerCallbackId_);
+}
+
+bool BasicSrvImpl::StartMaintenanceTimer() {
+    timer_.SetClock(gMaintenanceClock.load(std::memory_order_acquire));
+    const uint32_t interval = gMaintenanceIntervalMs.load(std::memory_order_acquire);
+    return timer_.Startup(interval != 0 ? interval : kMaintenanceIntervalMs, 0, kTimerName) ==
+           timer_success;
+}
+
+void BasicSrvImpl::StopMaintenanceTimer() {
+    (void)timer_.Shutdown();
+}
+
+unsigned int BasicSrvImpl::MaintenanceTick(void* self) {
+    auto* impl = static_cast<BasicSrvImpl*>(self);
+    {
+        QuickLockGuard guard(impl->stateLock_);
+        impl->RunDueMaintenanceCommands();
+    }
+    impl->sinks_.Fire(&BasicSrvEvents::OnBasicSrvDoMaintenance);
+    return 0;
+}
+
+void BasicSrvImpl::SetMaintenanceIntervalForTest(uint32_t intervalMs) {
+    gMaintenanceIntervalMs.store(intervalMs, std::memory_order_release);
+}
+
+void BasicSrvImpl::SetMaintenanceClockForTest(TimerClock* clock) {
+    gMaintenanceClock.store(clock, std::memory_order_release);
+}
+
+// ---- seams -----------------------------------------------------------------------------
+// The maintenance commands and the discovery of embedded configuration files join here.
+
+void BasicSrvImpl::RunDueMaintenanceCommands() {}
 void BasicSrvImpl::DiscoverEmbeddedFiles() {}
 
 // ---- lifecycle -------------------------------------------------------------------------
@@ -228,6 +277,9 @@ basicsrv_status BasicSrvImpl::Startup() {
     stateLock_.Unlock();
 
     (void)Shutdown();
+    // A run stopped from its own tick leaves the timer's thread to be joined; join it here,
+    // with no lock held, since that thread may still want the state lock on its way out.
+    StopMaintenanceTimer();
 
     stateLock_.Lock();
     running_ = true;

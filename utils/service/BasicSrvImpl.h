@@ -9,7 +9,9 @@
 #include "service/CommandTree.h"
 #include "tolven/basicsrv.h"
 #include "tolven/blobtime.h"
+#include "tolven/logsinks.h"
 #include "tolven/quicklock.h"
+#include "tolven/timer.h"
 
 namespace TOLVEN {
 
@@ -73,6 +75,16 @@ class BasicSrvImpl {
     bool IsRunning() const;
     // The stem of the dated log's file name: the name, or "<name>_<config>_".
     const std::string& GetLogStem() const { return logStem_; }
+    // The level of the dated log file.
+    logger_event_level GetFileLoggingLevel() const { return fileLogger_.GetLoggingLevel(); }
+    void SetFileLoggingLevel(logger_event_level level) { fileLogger_.SetLoggingLevel(level); }
+    // The dated log file (not opened with noFileLog).
+    DatedFileLogger& GetFileLogger() noexcept { return fileLogger_; }
+
+    // Test seams: the period of the maintenance tick of services started from now on (0
+    // restores 10 seconds), and the clock their timers measure with (null: the tick counter).
+    static void SetMaintenanceIntervalForTest(uint32_t intervalMs);
+    static void SetMaintenanceClockForTest(TimerClock* clock);
 
   private:
     void Construct(const _BASICSRV_STARTUP_INFO* info);
@@ -91,6 +103,9 @@ class BasicSrvImpl {
     bool StartMaintenanceTimer();
     void StopMaintenanceTimer();
     void DiscoverEmbeddedFiles();
+    // The maintenance tick: due maintenance commands under the state lock, then the sinks.
+    static unsigned int MaintenanceTick(void* self);
+    void RunDueMaintenanceCommands();
 
     // Calls the facade's right hooks; a hook that throws refuses.
     bool AskRootRight(unsigned int callerId, const char* word, bool callerFlag) const;
@@ -119,9 +134,12 @@ class BasicSrvImpl {
     bool noFileLog_ = false;
     uint32_t startingThread_ = 0;
     uint32_t stoppingThread_ = 0;
+    Timer timer_;
+    unsigned int timerCallbackId_ = 0;
     int daysTillDelete_ = -1;
     ConfigReader* configReader_ = nullptr;
     ConfigReader* maintConfigReader_ = nullptr;
+    DatedFileLogger fileLogger_;
 };
 
 }  // namespace TOLVEN
