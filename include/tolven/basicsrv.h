@@ -17,6 +17,7 @@
 
 #include "tolven/configreader.h"
 #include "tolven/logapi.h"
+#include "tolven/schedulehandler.h"
 
 namespace TOLVEN {
 
@@ -337,6 +338,42 @@ struct _REGISTER_COMMAND_INFO {
     BasicSrvCommandHandler handler;
 };
 
+// An hour and a minute of the day.
+struct _MAINT_TIME {
+    unsigned int hour;
+    unsigned int minute;
+};
+
+// What RegisterMaintenanceCommand takes. A run day is an entry of exactly 1. Not
+// thread-safe.
+struct _REGISTER_MAINTENANCE_COMMAND_INFO {
+    const char* name;        // unique ignoring case
+    const char* help;        // a short text; not null
+    const char* help_ex;     // a long text; not null
+    _MAINT_TIME start_time;  // the run time
+    _MAINT_TIME end_time;    // the finish time; looked at only when repeatable
+    int run_if_missed;       // catch up, at registration, a run missed while the service was down
+    int run_if_never_run;    // run at registration when no run was ever recorded
+    int repeatable;          // run at every tick from the run time to the finish time
+    int run_days[7];         // Sunday first
+    void* context;           // handed to the handler
+    BasicSrvCommandHandler handler;
+};
+
+// What RegisterMaintenanceCommandEx takes: one entry per element of `run_times`, all under
+// one name. Not thread-safe.
+struct _REGISTER_MAINTENANCE_COMMAND_INFO_EX {
+    const char* name;
+    const char* help;
+    const char* help_ex;
+    int run_if_missed;
+    int run_if_never_run;
+    int repeatable;
+    void* context;
+    BasicSrvCommandHandler handler;
+    std::vector<_COMMAND_RUN_TIMES> run_times;
+};
+
 // What a service passes at construction. Not thread-safe.
 struct _BASICSRV_STARTUP_INFO {
     const char* srvName = nullptr;              // service name; a product name may replace it
@@ -391,6 +428,22 @@ class BasicSrv {
     basicsrv_status UnregisterAllCommands();
     // True when a command of that full name is registered; null gives false.
     bool CommandExists(const char* name);
+
+    // Registers a maintenance command, run by the ten-second tick when due; a handler that
+    // answers basicsrv_retry runs again at the next tick. The last run is kept in section
+    // "CMD" of the maintenance reader; a run missed while the service was down (or never
+    // made) is caught up here, on this thread, when the command asks for it. A tick that
+    // passes over a run minute (a local hour skipped by a clock change, a tick held up by a
+    // long handler) runs a daily command at that tick; a repeated minute runs it once.
+    // basicsrv_invalid_parameter for a time out of range or a service without maintenance
+    // reader, basicsrv_already_exists for a name taken (ignoring case).
+    basicsrv_status RegisterMaintenanceCommand(const _REGISTER_MAINTENANCE_COMMAND_INFO& info);
+    // Registers one entry per run time, without the duplicate test and without the check of
+    // changed run times; the first failure ends it. An empty list gives success.
+    basicsrv_status RegisterMaintenanceCommandEx(const _REGISTER_MAINTENANCE_COMMAND_INFO_EX& info);
+    // Removes every maintenance entry of that name (ignoring case); basicsrv_not_found when
+    // there was none.
+    basicsrv_status UnregisterMaintenanceCommand(const char* name);
     // Runs one line of operator text. Answers go to `writer` (may be null: then nothing
     // is written). basicsrv_invalid_parameter for a null line, basicsrv_invalid_command for
     // a line with no word or more than 20 arguments, basicsrv_permission_denied when

@@ -28,6 +28,7 @@
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"
 #include "tolven/rwlock.h"
+#include "tolven/schedulehandler.h"
 #include "tolven/simplelogfile.h"
 #include "tolven/tickcounter.h"
 #include "tolven/timer.h"

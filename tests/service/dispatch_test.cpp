@@ -192,6 +192,7 @@ TEST_F(Dispatch, Help) {
               "echo                Echoes.\n"
               "g                   x (a (z)/b), y\n"
               "help                Displays help.\n"
+              "maint               Run or display application maintenance commands.\n"
               "show                config, counters\n"
               "silent\n"
               "\n");

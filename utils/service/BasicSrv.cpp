@@ -85,6 +85,17 @@ const char* BasicSrv::GetLogArchiveDir() const {
 int BasicSrv::GetLogFileDaysTillDelete() const {
     return impl_->GetLogFileDaysTillDelete();
 }
+basicsrv_status BasicSrv::RegisterMaintenanceCommand(
+    const _REGISTER_MAINTENANCE_COMMAND_INFO& info) {
+    return impl_->RegisterMaintenanceCommand(info);
+}
+basicsrv_status BasicSrv::RegisterMaintenanceCommandEx(
+    const _REGISTER_MAINTENANCE_COMMAND_INFO_EX& info) {
+    return impl_->RegisterMaintenanceCommandEx(info);
+}
+basicsrv_status BasicSrv::UnregisterMaintenanceCommand(const char* name) {
+    return impl_->UnregisterMaintenanceCommand(name);
+}
 logger_event_level BasicSrv::GetFileLoggingLevel() const {
     return impl_->GetFileLoggingLevel();
 }

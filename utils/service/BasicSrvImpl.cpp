@@ -249,9 +249,8 @@ void BasicSrvImpl::SetMaintenanceClockForTest(TimerClock* clock) {
 }
 
 // ---- seams -----------------------------------------------------------------------------
-// The maintenance commands and the discovery of embedded configuration files join here.
+// The discovery of embedded configuration files joins here.
 
-void BasicSrvImpl::RunDueMaintenanceCommands() {}
 void BasicSrvImpl::DiscoverEmbeddedFiles() {}
 
 // ---- lifecycle -------------------------------------------------------------------------
@@ -283,6 +282,7 @@ basicsrv_status BasicSrvImpl::Startup() {
 
     stateLock_.Lock();
     running_ = true;
+    lastTick_ = _SYSTEMTIME{};
     stateLock_.Unlock();
 
     sinks_.Fire(&BasicSrvEvents::OnBasicSrvStartup);

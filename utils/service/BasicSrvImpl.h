@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,22 @@
 #include "tolven/timer.h"
 
 namespace TOLVEN {
+
+// A registered maintenance command.
+struct MaintCommand {
+    std::string name, help, help_ex;
+    unsigned int runHour = 0, runMinute = 0, finishHour = 0, finishMinute = 0;
+    unsigned int runMinutes = 0, finishMinutes = 0;  // minutes from midnight
+    int run_if_missed = 0, run_if_never_run = 0, repeatable = 0;
+    int runDays[7] = {};
+    _SYSTEMTIME lastRun{};  // local time of the last successful run; all 0 for none
+    unsigned int lastRunMinutes = 0;
+    void* context = nullptr;
+    BasicSrvCommandHandler handler = nullptr;
+    bool retryPending = false;
+    bool enabled = true;
+    bool removed = false;  // unregistered while a tick walks the list
+};
 
 // Everything a BasicSrv holds. Safe for concurrent use without external locking: the state
 // lock guards the running flag, the two thread ids, the command tree and the active-command
@@ -81,6 +98,21 @@ class BasicSrvImpl {
     // The dated log file (not opened with noFileLog).
     DatedFileLogger& GetFileLogger() noexcept { return fileLogger_; }
 
+    basicsrv_status RegisterMaintenanceCommand(const _REGISTER_MAINTENANCE_COMMAND_INFO& info);
+    basicsrv_status RegisterMaintenanceCommandEx(const _REGISTER_MAINTENANCE_COMMAND_INFO_EX& info);
+    basicsrv_status UnregisterMaintenanceCommand(const char* name);
+    // The maint command: show, run, disable and enable.
+    void MaintCommandLine(_BASICSRV_COMMAND_INFO& info);
+
+    // Local wall-clock time as maintenance reads it; tests replace it (null: the real one).
+    using LocalClockFunction = void (*)(_SYSTEMTIME* out);
+    static void SetLocalClockForTest(LocalClockFunction clock);
+
+    // The implementation behind a service.
+    static BasicSrvImpl& Of(BasicSrv& srv) noexcept { return *srv.impl_; }
+    // One maintenance tick on the calling thread, as the timer runs it.
+    void RunMaintenanceTick() { (void)MaintenanceTick(this); }
+
     // Test seams: the period of the maintenance tick of services started from now on (0
     // restores 10 seconds), and the clock their timers measure with (null: the tick counter).
     static void SetMaintenanceIntervalForTest(uint32_t intervalMs);
@@ -106,6 +138,15 @@ class BasicSrvImpl {
     // The maintenance tick: due maintenance commands under the state lock, then the sinks.
     static unsigned int MaintenanceTick(void* self);
     void RunDueMaintenanceCommands();
+    // The common fields of both registration forms.
+    struct MaintEntry;
+    basicsrv_status RegisterMaintEntry(const MaintEntry& entry, bool duplicateTest);
+    void ReadLastRun(MaintCommand& command);
+    void WriteLastRun(const MaintCommand& command);
+    bool IsDue(const MaintCommand& command, const _SYSTEMTIME& now) const;
+    bool RunMaintCommand(MaintCommand& command);
+    // The first command of that name, ignoring case, or null; hold the state lock.
+    MaintCommand* FindMaintCommand(const char* name);
 
     // Calls the facade's right hooks; a hook that throws refuses.
     bool AskRootRight(unsigned int callerId, const char* word, bool callerFlag) const;
@@ -134,6 +175,8 @@ class BasicSrvImpl {
     bool noFileLog_ = false;
     uint32_t startingThread_ = 0;
     uint32_t stoppingThread_ = 0;
+    std::vector<std::shared_ptr<MaintCommand>> maintCommands_;
+    _SYSTEMTIME lastTick_{};  // local time of the run's last tick; all 0 before the first
     Timer timer_;
     unsigned int timerCallbackId_ = 0;
     int daysTillDelete_ = -1;

@@ -14,6 +14,11 @@ basicsrv_status QuitCommand(_BASICSRV_COMMAND_INFO& info, void* context) {
     return basicsrv_success;
 }
 
+basicsrv_status MaintCommandHandler(_BASICSRV_COMMAND_INFO& info, void* context) {
+    static_cast<BasicSrvImpl*>(context)->MaintCommandLine(info);
+    return basicsrv_success;
+}
+
 basicsrv_status HelpCommand(_BASICSRV_COMMAND_INFO& info, void* context) {
     auto* impl = static_cast<BasicSrvImpl*>(context);
     if (info.argc == 0) {
@@ -40,8 +45,12 @@ void BasicSrvImpl::RegisterBuiltinCommands() {
         TOLVEN_LOG(LOGGER_NORMAL, kFile, "TOLVEN::BasicSrvImpl::RegisterBuiltinCommands",
                    "Quit has not been registered");
     }
-    // The views into the library's registries (uptime, version, maint, alloc, threads, logn,
-    // filelevel, counters, config) join the table here, in that order around help.
+    // The views into the library's registries (uptime, version, then after help alloc,
+    // threads, logn, filelevel, counters, config) join the table here, in that order.
+    (void)RegisterCommand({"maint", "Run or display application maintenance commands.",
+                           "Run or display application maintenance commands.  Use maint help "
+                           "for more info.",
+                           this, &MaintCommandHandler});
     (void)RegisterCommand({"help", "Displays help.", "Displays help.", this, &HelpCommand});
     (void)RegisterCommand({"?", "Displays help.", "Displays help.", this, &HelpCommand});
 }

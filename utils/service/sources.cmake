@@ -5,6 +5,8 @@ list(APPEND TOLVEN_SOURCES
     utils/service/BasicSrvImpl.cpp
     utils/service/BasicSrvImplDispatch.cpp
     utils/service/BasicSrvImplCmds.cpp
+    utils/service/BasicSrvImplMaint.cpp
     utils/service/CommandTree.cpp
     utils/service/EventSink.cpp
+    utils/service/ScheduleHandler.cpp
     utils/service/StatusWriters.cpp)
