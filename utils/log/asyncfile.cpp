@@ -221,6 +221,17 @@ bool asyncfile::Flush() {
     return ok;
 }
 
+bool asyncfile::SyncData() {
+    WaitPending(kInfinite);
+    ReportWriteFailure();
+    std::FILE* stream = stream_.load(std::memory_order_acquire);
+    bool ok = stream != nullptr && platform::SyncFileData(stream);
+    HouseLockGuard account(accountLock_);
+    ok = ok && !failedSinceFlush_;
+    failedSinceFlush_ = false;
+    return ok;
+}
+
 bool asyncfile::ReadAt(uint64_t position, void* buffer, uint32_t size, uint32_t* outRead) {
     if (outRead == nullptr) return false;
     *outRead = 0;
