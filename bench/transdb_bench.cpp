@@ -227,7 +227,9 @@ struct ReadFile {
         contexts.resize(records);
         for (int i = 0; i < records; ++i)
             (void)db.Add(row, &contexts[i]);
-        (void)db.Truncate();  // waits for the writer
+        // Closed and opened again, so that every record is in the file.
+        (void)db.Close();
+        (void)db.Open(path.c_str(), 0, false, 2048, 0xFFFFFFFFu, 0.0, false);
         (void)ReleaseBlob(&row);
     }
 };

@@ -227,6 +227,9 @@ class asyncfile : public AsyncEvents {
     std::atomic<uint32_t> pendingOperations_{0};
     std::atomic<uint32_t> maxPendingOperations_{0};
     uint32_t flushWaiters_ = 0;
+    uint64_t queuedWrites_ = 0;      // writes queued since Open
+    uint64_t doneWrites_ = 0;        // writes the writer has done since Open
+    uint64_t lowestWaitTarget_ = 0;  // the lowest doneWrites_ a waiter waits for
     std::atomic<uint64_t> failedSize_{0};
     bool failing_ = false;           // the last write failed
     bool failedSinceFlush_ = false;  // some write failed since the last Flush

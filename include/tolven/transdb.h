@@ -35,8 +35,10 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "tolven/asyncfile.h"
@@ -189,14 +191,18 @@ class TransDb : public csdb {
     uint32_t headerSize_ = kTransDbHeaderSize;
 
     // Sync at commit: the end of the data known to be on the device, the end of the data
-    // handed out, and the lock of the one thread that syncs for the others (taken before
-    // `lock_` when both are held, never after it).
+    // handed out, and the one thread that syncs for the others (`syncing_`, guarded by
+    // `syncMutex_`, which is taken before `lock_` when both are held, never after it). The
+    // sync waits for the device, far longer than any hot-path lock is held, so its waiters
+    // sleep on a condition variable.
     std::atomic<bool> syncAtCommit_{false};
     std::atomic<uint64_t> syncedPosition_{0};
     std::atomic<uint64_t> appendedEnd_{0};
     std::atomic<uint64_t> syncCount_{0};
     std::atomic<bool> syncBroken_{false};
-    detail::CriticalSection syncLock_;
+    std::mutex syncMutex_;
+    std::condition_variable syncDone_;
+    bool syncing_ = false;
 };
 
 // What a walk of a transaction file found. Plain value; not thread-safe.

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "platform/file.h"
@@ -55,7 +56,7 @@ class ReadScope {
 
 }  // namespace
 
-TransDb::TransDb() : lock_(4000), syncLock_(4000) {
+TransDb::TransDb() : lock_(4000) {
     Init();
 }
 
@@ -85,12 +86,14 @@ void TransDb::CloseImpl(bool releaseLock) {
     lock_.Leave();
     while (readers_.load(std::memory_order_acquire) != 0)
         platform::SleepMs(kCloseWaitStepMs);
-    // An Add that is syncing finishes before the file goes.
-    detail::EnterHouse(syncLock_);
+    // A sync that runs finishes before the file goes, and no other starts until it is gone.
+    std::unique_lock<std::mutex> sync(syncMutex_);
+    syncDone_.wait(sync, [this] { return !syncing_; });
     detail::EnterHouse(lock_);
     file_.Close();
     Init();
-    syncLock_.Leave();
+    sync.unlock();
+    syncDone_.notify_all();
     if (releaseLock) lock_.Leave();
 }
 
@@ -601,20 +604,33 @@ csdb_status TransDb::SyncUpTo(uint64_t end) {
     if (syncedPosition_.load(std::memory_order_acquire) >= end &&
         !syncBroken_.load(std::memory_order_relaxed))
         return CSDB_SUCCESS;
-    HouseLockGuard sync(syncLock_);
-    // The sync that ran while this thread waited may have covered this record already.
-    if (syncBroken_.load(std::memory_order_relaxed)) return CSDB_IO_ERROR;
-    if (syncedPosition_.load(std::memory_order_acquire) >= end) return CSDB_SUCCESS;
+    std::unique_lock<std::mutex> lock(syncMutex_);
+    // One thread syncs at a time; the others wait for it together, and each leaves as soon
+    // as a sync has covered its record. Whoever is still not covered leads the next one.
+    for (;;) {
+        if (syncBroken_.load(std::memory_order_relaxed)) return CSDB_IO_ERROR;
+        if (syncedPosition_.load(std::memory_order_acquire) >= end) return CSDB_SUCCESS;
+        if (!syncing_) break;
+        syncDone_.wait(lock);
+    }
+    syncing_ = true;
+    lock.unlock();
+    // Appenders a moment behind this one join its sync.
+    platform::YieldThread();
     // Everything appended so far is queued: one sync covers it all.
     const uint64_t target = appendedEnd_.load(std::memory_order_acquire);
-    if (!file_.SyncData()) {
+    const bool ok = file_.SyncData();
+    lock.lock();
+    syncing_ = false;
+    if (ok) {
+        syncCount_.fetch_add(1, std::memory_order_relaxed);
+        syncedPosition_.store(target, std::memory_order_release);
+    } else {
         // Some record may be missing from the device; no later Add can promise otherwise.
         syncBroken_.store(true, std::memory_order_relaxed);
-        return CSDB_IO_ERROR;
     }
-    syncCount_.fetch_add(1, std::memory_order_relaxed);
-    syncedPosition_.store(target, std::memory_order_release);
-    return CSDB_SUCCESS;
+    syncDone_.notify_all();
+    return ok ? CSDB_SUCCESS : CSDB_IO_ERROR;
 }
 
 void TransDb::SetSyncAtCommit(bool on) noexcept {
