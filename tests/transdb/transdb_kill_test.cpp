@@ -15,6 +15,8 @@
 #include <iostream>
 #include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "transdb/transdb_test_util.h"
 
@@ -55,6 +57,7 @@ TEST(TransDbKill, Child) {
 struct Trial {
     uint64_t confirmed = 0;  // the last row whose Add returned
     uint64_t found = 0;      // rows in the file afterwards
+    double lostAgeMs = 0;    // how long before the kill the oldest lost row's Add returned
     bool repaired = false;
 };
 
@@ -77,6 +80,7 @@ void RunTrial(const std::string& self, const std::string& path, bool sync, int d
     close(fds[1]);
     // Drains the reports until the deadline, which starts at the first one.
     uint64_t confirmed = 0;
+    std::vector<std::pair<uint64_t, std::chrono::steady_clock::time_point>> arrivals;
     unsigned char buffer[4096];
     size_t held = 0;
     auto drain = [&](int timeoutMs) {
@@ -86,7 +90,11 @@ void RunTrial(const std::string& self, const std::string& path, bool sync, int d
         if (n <= 0) return false;
         held += static_cast<size_t>(n);
         const size_t whole = held / sizeof(uint64_t) * sizeof(uint64_t);
-        if (whole > 0) std::memcpy(&confirmed, buffer + whole - sizeof(uint64_t), sizeof(uint64_t));
+        const auto now = std::chrono::steady_clock::now();
+        for (size_t at = 0; at < whole; at += sizeof(uint64_t)) {
+            std::memcpy(&confirmed, buffer + at, sizeof(uint64_t));
+            arrivals.emplace_back(confirmed, now);
+        }
         std::memmove(buffer, buffer + whole, held - whole);
         held -= whole;
         return true;
@@ -96,6 +104,7 @@ void RunTrial(const std::string& self, const std::string& path, bool sync, int d
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(delayUs);
     while (std::chrono::steady_clock::now() < deadline)
         (void)drain(0);
+    const auto killed = std::chrono::steady_clock::now();
     kill(child, SIGKILL);
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -120,6 +129,9 @@ void RunTrial(const std::string& self, const std::string& path, bool sync, int d
     for (size_t i = 0; i < seqs.size(); ++i)
         ASSERT_EQ(seqs[i], i + 1) << "row " << i + 1;
     out->found = seqs.size();
+    for (const auto& [seq, when] : arrivals)
+        if (seq == out->found + 1)
+            out->lostAgeMs = std::chrono::duration<double, std::milli>(killed - when).count();
     if (sync) {
         ASSERT_GE(out->found, confirmed) << "rows whose Add returned with sync are missing";
     }
@@ -179,11 +191,12 @@ TEST(TransDbKill, LossWithoutSync) {
     if (std::getenv(kChildVariable) != nullptr) GTEST_SKIP();
     const std::string self = Self();
     ASSERT_FALSE(self.empty());
-    const int trials = Trials(200) / 4;
+    const int trials = Trials(200) / 8;
     ScratchDir dir;
     std::mt19937 rng(7);
     std::uniform_int_distribution<int> delayUs(0, 1000000);
     uint64_t lostTotal = 0, lostMax = 0, confirmedTotal = 0;
+    double ageMax = 0;
     int repaired = 0;
     for (int t = 0; t < trials; ++t) {
         SCOPED_TRACE("trial " + std::to_string(t));
@@ -194,11 +207,13 @@ TEST(TransDbKill, LossWithoutSync) {
         const uint64_t lost = trial.confirmed > trial.found ? trial.confirmed - trial.found : 0;
         lostTotal += lost;
         lostMax = lost > lostMax ? lost : lostMax;
+        ageMax = trial.lostAgeMs > ageMax ? trial.lostAgeMs : ageMax;
         confirmedTotal += trial.confirmed;
         repaired += trial.repaired ? 1 : 0;
         std::remove(path.c_str());
     }
     std::cout << trials << " kills without sync: " << confirmedTotal << " rows confirmed, "
-              << lostTotal << " lost in all, at most " << lostMax << " in one kill, " << repaired
-              << " files repaired before opening\n";
+              << lostTotal << " lost in all, at most " << lostMax
+              << " in one kill; the oldest lost row had returned at most " << ageMax
+              << " ms before its kill; " << repaired << " files repaired before opening\n";
 }
