@@ -17,7 +17,7 @@ packages=(
 # The benchmark peers: headers and libraries the programs compile against, and the
 # allocators the memory benchmark loads at run time.
 bench_peers=(
-    libspdlog-dev libboost-dev libpoco-dev libmsgpack-cxx-dev libbson-dev
+    libspdlog-dev libboost-dev libpoco-dev libmsgpack-cxx-dev libbson-dev librocksdb-dev
     libmimalloc2.0 libjemalloc2 libtcmalloc-minimal4
 )
 optional=()

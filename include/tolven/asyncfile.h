@@ -177,6 +177,11 @@ class asyncfile : public AsyncEvents {
     // Waits for every pending write. True when the file is open and every write since the
     // last Flush reached the file.
     bool Flush();
+    // Waits for every pending write, then puts the file's data on the device. True when the
+    // file is open, the sync succeeded and every write since the last Flush or SyncData
+    // reached the file. Runs outside the file lock, so the writer goes on meanwhile; the
+    // caller keeps Close away.
+    bool SyncData();
     // Reads up to `size` bytes at `position` after the pending writes are done. `outRead`
     // gets the count (0 past the end). False on a read error or when closed.
     bool ReadAt(uint64_t position, void* buffer, uint32_t size, uint32_t* outRead);
@@ -222,6 +227,9 @@ class asyncfile : public AsyncEvents {
     std::atomic<uint32_t> pendingOperations_{0};
     std::atomic<uint32_t> maxPendingOperations_{0};
     uint32_t flushWaiters_ = 0;
+    uint64_t queuedWrites_ = 0;      // writes queued since Open
+    uint64_t doneWrites_ = 0;        // writes the writer has done since Open
+    uint64_t lowestWaitTarget_ = 0;  // the lowest doneWrites_ a waiter waits for
     std::atomic<uint64_t> failedSize_{0};
     bool failing_ = false;           // the last write failed
     bool failedSinceFlush_ = false;  // some write failed since the last Flush

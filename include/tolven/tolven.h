@@ -32,5 +32,6 @@
 #include "tolven/simplelogfile.h"
 #include "tolven/tickcounter.h"
 #include "tolven/timer.h"
+#include "tolven/transdb.h"
 #include "tolven/utilerror.h"
 #include "tolven/versioninfo.h"

@@ -62,11 +62,12 @@ class ServiceTick : public ::testing::Test {
     std::unique_ptr<BasicSrv> Make(bool noFileLog) {
         _BASICSRV_STARTUP_INFO info;
         info.srvName = "ticker";
-        info.logFileDirectory = dir_.path.c_str();
+        info.logFileDirectory = dirText_.c_str();
         info.noFileLog = noFileLog;
         return std::make_unique<BasicSrv>(info);
     }
     tolven_test::ScratchDir dir_;
+    const std::string dirText_ = dir_.str();
     TickCounter sink_;
 };
 

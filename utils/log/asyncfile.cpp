@@ -85,6 +85,7 @@ void asyncfile::Close() {
     writtenSize_.store(0, std::memory_order_relaxed);
     endPosition_.store(0, std::memory_order_relaxed);
     pendingOperations_.store(0, std::memory_order_relaxed);
+    queuedWrites_ = doneWrites_ = lowestWaitTarget_ = 0;
     maxPendingOperations_.store(0, std::memory_order_relaxed);
     failedSize_.store(0, std::memory_order_relaxed);
     failing_ = false;
@@ -124,6 +125,7 @@ bool asyncfile::Write(AsyncFileWrite* item) {
             endPosition_.store(end, std::memory_order_relaxed);
         const uint32_t pending = pendingOperations_.load(std::memory_order_relaxed) + 1;
         pendingOperations_.store(pending, std::memory_order_relaxed);
+        ++queuedWrites_;
         if (pending > maxPendingOperations_.load(std::memory_order_relaxed))
             maxPendingOperations_.store(pending, std::memory_order_relaxed);
     }
@@ -158,16 +160,21 @@ void asyncfile::AsyncEvent_ProcessWrite(AsyncFileWrite* item, uint32_t bytesWrit
     }
     const uint32_t pending = pendingOperations_.load(std::memory_order_relaxed) - 1;
     pendingOperations_.store(pending, std::memory_order_relaxed);
-    // Set under the lock: a waiter cannot see the count at 0, return and destroy the file
-    // while the event is still being set.
-    if (flushWaiters_ > 0 && pending == 0) (void)drained_.Set();
+    ++doneWrites_;
+    // Set under the lock: a waiter cannot see its writes done, return and destroy the file
+    // while the event is still being set. A waiter waits for the writes queued before it,
+    // not for the queue to run empty, which it may never do while others keep writing.
+    if (flushWaiters_ > 0 && (pending == 0 || doneWrites_ >= lowestWaitTarget_))
+        (void)drained_.Set();
 }
 
 void asyncfile::WaitPending(uint32_t timeoutMs) {
+    uint64_t target;
     {
         HouseLockGuard account(accountLock_);
         if (pendingOperations_.load(std::memory_order_relaxed) == 0) return;
-        ++flushWaiters_;
+        target = queuedWrites_;
+        if (flushWaiters_++ == 0 || target < lowestWaitTarget_) lowestWaitTarget_ = target;
     }
     pool_->Wake();
     const uint64_t start = GetTickCount64Ms();
@@ -181,7 +188,7 @@ void asyncfile::WaitPending(uint32_t timeoutMs) {
         const event_status st = WaitForEvent(&drained_, slice);
         {
             HouseLockGuard account(accountLock_);
-            if (pendingOperations_.load(std::memory_order_relaxed) == 0) {
+            if (doneWrites_ >= target) {
                 // The event is auto-reset: pass the signal on to the next waiter.
                 if (--flushWaiters_ > 0)
                     (void)drained_.Set();
@@ -198,7 +205,7 @@ void asyncfile::WaitPending(uint32_t timeoutMs) {
         if (st != event_success && pool_->ServeIfWriterEnded()) {
             // No writer any more: what could be served is served, the rest never will be.
             HouseLockGuard account(accountLock_);
-            if (pendingOperations_.load(std::memory_order_relaxed) != 0) {
+            if (doneWrites_ < target) {
                 --flushWaiters_;
                 return;
             }
@@ -215,6 +222,17 @@ bool asyncfile::Flush() {
         std::FILE* stream = stream_.load(std::memory_order_relaxed);
         ok = stream != nullptr && std::fflush(stream) == 0;
     }
+    HouseLockGuard account(accountLock_);
+    ok = ok && !failedSinceFlush_;
+    failedSinceFlush_ = false;
+    return ok;
+}
+
+bool asyncfile::SyncData() {
+    WaitPending(kInfinite);
+    ReportWriteFailure();
+    std::FILE* stream = stream_.load(std::memory_order_acquire);
+    bool ok = stream != nullptr && platform::SyncFileData(stream);
     HouseLockGuard account(accountLock_);
     ok = ok && !failedSinceFlush_;
     failedSinceFlush_ = false;

@@ -67,6 +67,17 @@ std::size_t GrantWriteSpace(std::size_t wanted) noexcept;
 // Flushes stdio buffers and then the OS cache of the file to the device.
 bool FlushFileToDisk(std::FILE* file) noexcept;
 
+// Puts the data written to the file (through WriteFileAt) on the device, with what is needed
+// to read it back (its size), skipping other metadata where the platform can (fdatasync).
+// Touches no stdio buffer, so it may run while another thread writes the file.
+bool SyncFileData(std::FILE* file) noexcept;
+
+// Cuts or extends an open file to `size` bytes.
+bool TruncateOpenFile(std::FILE* file, uint64_t size) noexcept;
+
+// Makes a new file at `path` for reading and writing; null when it exists or cannot be made.
+std::FILE* CreateNewFile(const char* path) noexcept;
+
 // Renames `from` to `to`, replacing `to` in one step: a reader of `to` sees either the old
 // file or the new one, whole.
 bool RenameReplacing(const char* from, const char* to) noexcept;

@@ -110,6 +110,33 @@ bool FlushFileToDisk(std::FILE* file) noexcept {
     return rc == 0;
 }
 
+bool SyncFileData(std::FILE* file) noexcept {
+    if (file == nullptr) return false;
+    int rc;
+    do {
+        rc = ::fdatasync(::fileno(file));
+    } while (rc != 0 && errno == EINTR);
+    return rc == 0;
+}
+
+bool TruncateOpenFile(std::FILE* file, uint64_t size) noexcept {
+    if (file == nullptr) return false;
+    int rc;
+    do {
+        rc = ::ftruncate(::fileno(file), static_cast<off_t>(size));
+    } while (rc != 0 && errno == EINTR);
+    return rc == 0;
+}
+
+std::FILE* CreateNewFile(const char* path) noexcept {
+    if (path == nullptr || path[0] == '\0') return nullptr;
+    const int fd = ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) return nullptr;
+    std::FILE* file = ::fdopen(fd, "w+b");
+    if (file == nullptr) ::close(fd);
+    return file;
+}
+
 bool RenameReplacing(const char* from, const char* to) noexcept {
     return ::rename(from, to) == 0;
 }

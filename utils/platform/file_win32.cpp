@@ -186,6 +186,34 @@ bool FlushFileToDisk(std::FILE* file) noexcept {
     return ::FlushFileBuffers(reinterpret_cast<HANDLE>(handle)) != 0;
 }
 
+bool SyncFileData(std::FILE* file) noexcept {
+    const HANDLE handle = HandleOf(file);
+    return handle != INVALID_HANDLE_VALUE && ::FlushFileBuffers(handle) != 0;
+}
+
+bool TruncateOpenFile(std::FILE* file, uint64_t size) noexcept {
+    const HANDLE handle = HandleOf(file);
+    if (handle == INVALID_HANDLE_VALUE) return false;
+    FILE_END_OF_FILE_INFO info;
+    info.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
+    return ::SetFileInformationByHandle(handle, FileEndOfFileInfo, &info, sizeof(info)) != 0;
+}
+
+std::FILE* CreateNewFile(const char* path) noexcept {
+    if (path == nullptr || path[0] == '\0') return nullptr;
+    const HANDLE handle = ::CreateFileA(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                                        nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) return nullptr;
+    const int fd = ::_open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_RDWR | _O_BINARY);
+    if (fd < 0) {
+        ::CloseHandle(handle);
+        return nullptr;
+    }
+    std::FILE* file = ::_fdopen(fd, "w+b");
+    if (file == nullptr) ::_close(fd);
+    return file;
+}
+
 bool RenameReplacing(const char* from, const char* to) noexcept {
     return ::MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
 }
