@@ -35,11 +35,11 @@ uint32_t PadOf(uint64_t seq) {
 // writer thread that does not exist in it): appends rows 1, 2, ... for ever, and writes
 // the number of each row whose Add returned to the report pipe.
 TEST(TransDbKill, Child) {
-    const char* spec = std::getenv(kChildVariable);
-    if (spec == nullptr) GTEST_SKIP() << "runs only as the kill test's child";
+    const char* childArgs = std::getenv(kChildVariable);
+    if (childArgs == nullptr) GTEST_SKIP() << "runs only as the kill test's child";
     char path[1024];
     int fd = -1, sync = 0;
-    if (std::sscanf(spec, "%d %d %1023s", &fd, &sync, path) != 3) _exit(2);
+    if (std::sscanf(childArgs, "%d %d %1023s", &fd, &sync, path) != 3) _exit(2);
     TransDb db;
     db.SetSyncAtCommit(sync != 0);
     if (OpenDb(db, path) != CSDB_SUCCESS) _exit(3);
@@ -66,12 +66,12 @@ void RunTrial(const std::string& self, const std::string& path, bool sync, int d
               Trial* out) {
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
-    const std::string spec = std::to_string(fds[1]) + " " + (sync ? "1" : "0") + " " + path;
+    const std::string childArgs = std::to_string(fds[1]) + " " + (sync ? "1" : "0") + " " + path;
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
         close(fds[0]);
-        setenv(kChildVariable, spec.c_str(), 1);
+        setenv(kChildVariable, childArgs.c_str(), 1);
         const int quiet = open("/dev/null", O_WRONLY);
         if (quiet >= 0) dup2(quiet, 1);
         execl(self.c_str(), self.c_str(), "--gtest_filter=TransDbKill.Child", nullptr);
