@@ -23,6 +23,7 @@
 #include "tolven/logapi.h"
 #include "tolven/logdb.h"
 #include "tolven/logsinks.h"
+#include "tolven/mappedblockallocator.h"
 #include "tolven/mkdbimpl.h"
 #include "tolven/osutils.h"
 #include "tolven/quicklock.h"
