@@ -30,6 +30,8 @@
 #include "tolven/refobj.h"
 #include "tolven/rwlock.h"
 #include "tolven/simplelogfile.h"
+#include "tolven/snapshottimer.h"
+#include "tolven/latencytracker.h"
 #include "tolven/tickcounter.h"
 #include "tolven/timer.h"
 #include "tolven/utilerror.h"
