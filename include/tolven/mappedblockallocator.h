@@ -128,6 +128,8 @@ class MappedBlockAllocator : public StatManagedBlockAllocator {
     uint64_t Step(uint64_t offset) const;
     // True when `offset` (from the view) is the start of a block of an extent.
     bool IsBlockStart(uint64_t offset) const;
+    // `x` / stride into `quotient` when the stride divides `x`; false otherwise.
+    bool DivideByStride(uint64_t x, uint64_t* quotient) const;
     void LinkAllocatedNode(char* block);
     void LinkFreeSpaceNode(Extent& extent, char* block);
     char* UnlinkFreeSpaceNode(Extent& extent);
@@ -157,6 +159,13 @@ class MappedBlockAllocator : public StatManagedBlockAllocator {
     // when no skip is ever reached).
     uint64_t firstAlignedOffset_;
     uint64_t blocksBeforeAligned_;
+    // Exact division by the stride without a divide: stride = odd << shift, `inverse` is
+    // odd's inverse modulo 2^64 and `limit` the largest quotient of a multiple.
+    uint32_t strideShift_;
+    uint64_t strideInverse_;
+    uint64_t strideLimit_;
+    uint32_t pageShift_;
+    uint64_t perPage_;  // blocks a page holds after the first skip
     std::vector<Extent> extents_;
     char* allocatedList_;
     uint64_t allocatedCount_;

@@ -173,7 +173,7 @@ TEST(MappedBlockAllocator, ForeignAndDamagedFilesGiveAStatus) {
         ASSERT_EQ(a.Init(100, 1000, dir.str().c_str(), "x", true), mba_success);
         ASSERT_NE(a.GetBlock(), nullptr);
     }
-    const std::string path = dir / "x.0.mba";
+    const std::string path = dir.str() + "/x.0.mba";  // as the allocator names it
     const std::string good = Slurp(path);
     alloctest::LogCapture log;
     {

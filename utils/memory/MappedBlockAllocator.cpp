@@ -71,6 +71,11 @@ MappedBlockAllocator::MappedBlockAllocator()
       cs_(4000),
       firstAlignedOffset_(0),
       blocksBeforeAligned_(0),
+      strideShift_(0),
+      strideInverse_(0),
+      strideLimit_(0),
+      pageShift_(0),
+      perPage_(0),
       allocatedList_(nullptr),
       allocatedCount_(0) {
     (void)BlockAllocatorStatMngr::Get().AddAllocator(this, nullptr);
@@ -140,6 +145,16 @@ mappedblocalloc_status MappedBlockAllocator::Init(uint64_t blockSize, uint64_t b
     }
     fileSize_ = extentBytes_ + kHeaderBytes;
 
+    strideShift_ = static_cast<uint32_t>(__builtin_ctzll(stride_));
+    const uint64_t odd = stride_ >> strideShift_;
+    uint64_t inverse = odd;  // Newton's iteration doubles the correct low bits each round
+    for (int i = 0; i < 5; ++i)
+        inverse *= 2 - odd * inverse;
+    strideInverse_ = inverse;
+    strideLimit_ = UINT64_MAX / odd;
+    pageShift_ = static_cast<uint32_t>(__builtin_ctzll(pageSize_));
+    perPage_ = stride_ < pageSize_ ? pageSize_ / stride_ : 0;
+
     // Where the walk first skips to a page boundary; from there a page holds perPage blocks.
     blocksBeforeAligned_ = blocksPerExtent_;
     firstAlignedOffset_ = 0;
@@ -169,17 +184,22 @@ uint64_t MappedBlockAllocator::Step(uint64_t offset) const {
     return offset;
 }
 
+bool MappedBlockAllocator::DivideByStride(uint64_t x, uint64_t* quotient) const {
+    if ((x & ((uint64_t{1} << strideShift_) - 1)) != 0) return false;
+    const uint64_t q = (x >> strideShift_) * strideInverse_;
+    if (q > strideLimit_) return false;
+    *quotient = q;
+    return true;
+}
+
 bool MappedBlockAllocator::IsBlockStart(uint64_t offset) const {
     if (offset < kHeaderBytes) return false;
-    if (firstAlignedOffset_ == 0 || offset < firstAlignedOffset_) {
-        const uint64_t from = offset - kHeaderBytes;
-        return from % stride_ == 0 && from / stride_ < blocksBeforeAligned_;
-    }
+    uint64_t k = 0;
+    if (firstAlignedOffset_ == 0 || offset < firstAlignedOffset_)
+        return DivideByStride(offset - kHeaderBytes, &k) && k < blocksBeforeAligned_;
     const uint64_t from = offset - firstAlignedOffset_;
-    const uint64_t inPage = from & (pageSize_ - 1);
-    const uint64_t perPage = pageSize_ / stride_;
-    if (inPage % stride_ != 0 || inPage / stride_ >= perPage) return false;
-    return blocksBeforeAligned_ + from / pageSize_ * perPage + inPage / stride_ < blocksPerExtent_;
+    if (!DivideByStride(from & (pageSize_ - 1), &k) || k >= perPage_) return false;
+    return blocksBeforeAligned_ + (from >> pageShift_) * perPage_ + k < blocksPerExtent_;
 }
 
 mappedblocalloc_status MappedBlockAllocator::OpenMappedMem(Extent& extent, bool create) {
@@ -530,7 +550,9 @@ mappedblocalloc_status MappedBlockAllocator::Term() {
     extents_.clear();
     pageSize_ = blockSize_ = stride_ = blocksPerExtent_ = extentBytes_ = fileSize_ = 0;
     pageWaste_ = freeBlocks_ = allocatedCount_ = extentCount_ = 0;
-    firstAlignedOffset_ = blocksBeforeAligned_ = 0;
+    firstAlignedOffset_ = blocksBeforeAligned_ = strideInverse_ = strideLimit_ = 0;
+    strideShift_ = pageShift_ = 0;
+    perPage_ = 0;
     // The lists point into the views just unmapped: they go with them, and the next Init
     // rebuilds them from the files.
     allocatedList_ = nullptr;
