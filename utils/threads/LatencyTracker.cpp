@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "blob/civil_time.h"
+#include "platform/clock.h"
 #include "platform/file.h"
 #include "platform/timezone.h"
 #include "threads/LatencyTrackerHooks.h"
@@ -28,34 +29,50 @@ namespace {
 
 std::atomic<detail::LatencyClock> g_testClock{nullptr};
 
-// The local time now, to the millisecond as GetCurrentBlobTime gives it, without the lock
-// that the C library's local-time conversion takes: each thread keeps the zone's offset
-// for the current quarter hour of UTC (zones change offset only on such a boundary) and the
-// civil date of the current local day, and asks the zone again when either runs out or
-// the process's zone is replaced.
-void LocalNow(_blob_timestamp* out) {
+const uint64_t g_counterFrequency = platform::MonotonicFrequency();
+const double g_msPerTick = 1000.0 / static_cast<double>(g_counterFrequency);
+const double g_100nsPerTick = 1e7 / static_cast<double>(g_counterFrequency);
+
+// The local time at the performance-counter reading `counter`, to the millisecond as
+// GetCurrentBlobTime gives it, with neither a second clock read nor the lock that the C
+// library's local-time conversion takes. Each thread ties the counter to the wall clock
+// once a second (so a step of the wall clock shows within a second), keeps the zone's
+// offset for the current quarter hour of UTC (zones change offset only on such a boundary)
+// and the civil date of the current local day, and asks the zone again when the quarter
+// hour or the day runs out or the process's zone is replaced.
+void LocalTimeAt(uint64_t counter, _blob_timestamp* out) {
     if (const detail::LatencyClock clock = g_testClock.load(std::memory_order_relaxed)) {
         clock(out);
         return;
     }
     constexpr uint64_t kQuarter = 900 * detail::kTicksPerSecond;
     struct Cache {
-        uint64_t from = 1, to = 0;  // [from, to) of UTC where `offset` holds
+        uint64_t baseCounter = 0, retieAt = 0;  // counter readings
+        uint64_t baseUtc = 0;                   // UTC at baseCounter
+        uint64_t zoneFrom = 1, zoneTo = 0;      // [from, to) of UTC where `offset` holds
         int64_t offset = 0;
-        uint64_t generation = 0;
+        uint64_t generation = ~uint64_t{0};
         int64_t day = INT64_MIN;
         uint16_t year = 0, month = 0, dayOfMonth = 0;
     };
     thread_local Cache c;
-    const uint64_t utc = platform::SystemTime100ns();
     const uint64_t generation = platform::TimeZoneGeneration();
-    if (utc < c.from || utc >= c.to || generation != c.generation) {
+    if (counter >= c.retieAt || counter < c.baseCounter || generation != c.generation) {
+        c.baseCounter = counter;
+        c.baseUtc = platform::SystemTime100ns();
+        c.retieAt = counter + g_counterFrequency;
+        if (generation != c.generation) c.zoneTo = 0;
+        c.generation = generation;
+    }
+    const uint64_t utc =
+        c.baseUtc +
+        static_cast<uint64_t>(static_cast<double>(counter - c.baseCounter) * g_100nsPerTick);
+    if (utc < c.zoneFrom || utc >= c.zoneTo) {
         uint64_t local = utc;
         if (!platform::UtcToLocal100ns(utc, &local)) local = utc;
         c.offset = static_cast<int64_t>(local - utc);
-        c.from = utc - utc % kQuarter;
-        c.to = c.from + kQuarter;
-        c.generation = generation;
+        c.zoneFrom = utc - utc % kQuarter;
+        c.zoneTo = c.zoneFrom + kQuarter;
     }
     const uint64_t local = utc + static_cast<uint64_t>(c.offset);
     const int64_t day = static_cast<int64_t>(local / detail::kTicksPerDay) - detail::kDaysTo1970;
@@ -194,7 +211,9 @@ void LatencyTracker::Queue(const char* key, const SnapshotTimer& start, const ch
     static_assert(sizeof(Record) == 136, "a record is one 136-byte block");
     auto* r = static_cast<Record*>(pool_.GetBlock());
     if (r == nullptr) return;  // not initialised
-    LocalNow(&r->time);
+    // One counter reading serves the time of day and the latency.
+    const uint64_t now = platform::MonotonicCounter();
+    LocalTimeAt(now, &r->time);
     const size_t length = strnlen(key, sizeof r->key - 1);
     std::memcpy(r->key, key, length);
     r->key[length] = '\0';
@@ -202,7 +221,10 @@ void LatencyTracker::Queue(const char* key, const SnapshotTimer& start, const ch
     r->file = file;
     r->line = line;
     r->function = function;
-    r->latencyMs = start.CMS_DOUBLE();
+    r->latencyMs =
+        start.GetFrequency() == g_counterFrequency
+            ? static_cast<double>(static_cast<int64_t>(now - start.GetCounter())) * g_msPerTick
+            : start.CMS_DOUBLE();
     r->next = nullptr;
     detail::EnterHouse(cs_);
     if (tail_ == nullptr) tail_ = head_;  // a head alone acts as the tail

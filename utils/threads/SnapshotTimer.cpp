@@ -27,13 +27,15 @@ uint64_t ReadSnapshotCounter() noexcept {
 }  // namespace detail
 
 namespace {
+// Milliseconds per counter tick: a multiplication instead of a division on every reading.
+const double g_msPerTick = 1000.0 / static_cast<double>(platform::MonotonicFrequency());
+
 // Milliseconds from `counter` to now, as a double, by the frequency or the tick counter.
 double ElapsedMs(uint64_t counter, int64_t frequency) {
     const uint64_t now = detail::ReadSnapshotCounter();
     if (frequency == 0)
         return static_cast<double>(static_cast<uint32_t>(now) - static_cast<uint32_t>(counter));
-    return static_cast<double>(static_cast<int64_t>(now - counter)) /
-           static_cast<double>(frequency) * 1000.0;
+    return static_cast<double>(static_cast<int64_t>(now - counter)) * g_msPerTick;
 }
 }  // namespace
 
