@@ -58,13 +58,6 @@ TEST(MappedBlockAllocator, WorkedExampleLayoutAndFirstFile) {
     EXPECT_EQ(a.GetFileSize(), 114704u);
     EXPECT_STREQ(a.GetName(), "x");
 
-    const std::string path = dir / "x.0.mba";
-    const std::string file = Slurp(path);
-    EXPECT_EQ(Word(file, 0), 8u);
-    EXPECT_EQ(Word(file, 8), 112u);
-    // Zero pages were written from fileSize past the end, fileSize bytes' worth.
-    EXPECT_EQ(file.size(), 2 * 114704u + 29 * 4096u);
-
     std::vector<char*> blocks;
     for (int i = 0; i < 1008; ++i) {
         auto* p = static_cast<char*>(a.GetBlock());
@@ -91,6 +84,14 @@ TEST(MappedBlockAllocator, WorkedExampleLayoutAndFirstFile) {
     EXPECT_EQ(stats.FreeBlocks, 1008u * 2 - 1009);
     EXPECT_EQ(stats.FreeMemory, stats.FreeBlocks * 112);
     EXPECT_EQ(stats.BlockSize, 100u);
+
+    // The files can be read once the allocator lets them go.
+    EXPECT_EQ(a.Term(), mba_success);
+    const std::string file = Slurp(dir / "x.0.mba");
+    EXPECT_EQ(Word(file, 0), 8u);
+    EXPECT_EQ(Word(file, 8), 112u);
+    // Zero pages were written from fileSize past the end, fileSize bytes' worth.
+    EXPECT_EQ(file.size(), 2 * 114704u + 29 * 4096u);
 }
 
 // Blocks handed out survive the object; the next Init gives them back, last extent and
@@ -148,12 +149,11 @@ TEST(MappedBlockAllocator, StatusesOfArgumentsAndReleases) {
 
     char* p = static_cast<char*>(a.GetBlock());
     char* q = static_cast<char*>(a.GetBlock());
-    const std::string before = Slurp(dir / "s.0.mba").substr(0, 16);
-    // Addresses inside the file that are no block's payload change nothing.
+    // Addresses inside the file that are no block's payload change nothing (the header is
+    // looked at below).
     EXPECT_EQ(a.ReleaseBlock(p - 12), mba_invalid_block);
     EXPECT_EQ(a.ReleaseBlock(p + 1), mba_invalid_block);
     EXPECT_EQ(a.ReleaseBlock(p - 12 - 16 + 4), mba_invalid_block);
-    EXPECT_EQ(Slurp(dir / "s.0.mba").substr(0, 16), before);
     EXPECT_EQ(a.ReleaseBlock(p), mba_success);
     EXPECT_EQ(a.ReleaseBlock(p), mba_block_not_allocated);
     EXPECT_FALSE(a.IsValid(p));
@@ -162,6 +162,9 @@ TEST(MappedBlockAllocator, StatusesOfArgumentsAndReleases) {
     EXPECT_EQ(a.Term(), mba_success);
     EXPECT_EQ(a.ReleaseBlock(q), mba_invalid_block);
     EXPECT_STREQ(a.GetName(), "");
+    const std::string file = Slurp(dir / "s.0.mba");
+    EXPECT_EQ(Word(file, 0), 8u);
+    EXPECT_EQ(Word(file, 8), 24u);
 }
 
 // A file of another word size or stride refuses the start and is left as it was; so is a
