@@ -4,4 +4,5 @@ list(APPEND TOLVEN_SOURCES
     utils/memory/BlockAllocator.cpp
     utils/memory/BlockAllocatorStatMngr.cpp
     utils/memory/FastBlockAllocator.cpp
-    utils/memory/BlockAllocList.cpp)
+    utils/memory/BlockAllocList.cpp
+    utils/memory/MappedBlockAllocator.cpp)

@@ -23,4 +23,9 @@ void GetLocalTimeNow(LocalTime* out) noexcept;
 // Seconds since 1970-01-01 UTC.
 int64_t UnixTimeSeconds() noexcept;
 
+// The wall clock at the best precision the platform gives, in 100-nanosecond units since
+// 1601-01-01 UTC (GetSystemTimePreciseAsFileTime, looked up when the library loads;
+// CLOCK_REALTIME). False, with `fileTime` untouched, where the platform has no such clock.
+bool PreciseFileTime(uint64_t* fileTime) noexcept;
+
 }  // namespace TOLVEN::platform

@@ -32,4 +32,12 @@ int64_t UnixTimeSeconds() noexcept {
     return static_cast<int64_t>(::time(nullptr));
 }
 
+bool PreciseFileTime(uint64_t* fileTime) noexcept {
+    timespec ts;
+    if (::clock_gettime(CLOCK_REALTIME, &ts) != 0) return false;
+    *fileTime = (static_cast<uint64_t>(ts.tv_sec) + 11644473600ull) * 10000000ull +
+                static_cast<uint64_t>(ts.tv_nsec) / 100;
+    return true;
+}
+
 }  // namespace TOLVEN::platform

@@ -82,4 +82,23 @@ int64_t UnixTimeSeconds() noexcept {
     return static_cast<int64_t>((FileTimeValue(ft) - kUnixEpochInFileTime) / 10000000ull);
 }
 
+namespace {
+using PreciseTimeFn = void(WINAPI*)(LPFILETIME);
+// Looked up once, when the library loads: older systems lack the call.
+const PreciseTimeFn g_preciseTime = [] {
+    const HMODULE kernel = ::GetModuleHandleA("kernel32.dll");
+    return kernel != nullptr ? reinterpret_cast<PreciseTimeFn>(reinterpret_cast<void*>(
+                                   ::GetProcAddress(kernel, "GetSystemTimePreciseAsFileTime")))
+                             : nullptr;
+}();
+}  // namespace
+
+bool PreciseFileTime(uint64_t* fileTime) noexcept {
+    if (g_preciseTime == nullptr) return false;
+    FILETIME ft;
+    g_preciseTime(&ft);
+    *fileTime = FileTimeValue(ft);
+    return true;
+}
+
 }  // namespace TOLVEN::platform

@@ -16,7 +16,8 @@ if(WIN32)
         utils/platform/directory_win32.cpp
         utils/platform/periodictimer_win32.cpp
         utils/platform/console_win32.cpp
-        utils/platform/socket_win32.cpp)
+        utils/platform/socket_win32.cpp
+        utils/platform/mappedfile_win32.cpp)
     set(TOLVEN_PLATFORM_LIBS version psapi shlwapi winmm ws2_32)
 else()
     list(APPEND TOLVEN_SOURCES
@@ -34,7 +35,8 @@ else()
         utils/platform/directory_posix.cpp
         utils/platform/periodictimer_posix.cpp
         utils/platform/console_posix.cpp
-        utils/platform/socket_posix.cpp)
+        utils/platform/socket_posix.cpp
+        utils/platform/mappedfile_posix.cpp)
     set(TOLVEN_PLATFORM_LIBS dl rt)
 endif()
 # Code that is the same on every platform.

@@ -27,4 +27,8 @@ bool IsDaylightTimeNow() noexcept;
 // rule ("J60", "59") or a change past midnight ("/25") is refused there.
 bool SetProcessTimeZone(const char* rule) noexcept;
 
+// How many times SetProcessTimeZone has been called: readers that cache a zone's offset
+// compare it to see a change.
+uint64_t TimeZoneGeneration() noexcept;
+
 }  // namespace TOLVEN::platform

@@ -1,5 +1,7 @@
 #include "platform/timezone.h"
 
+#include <atomic>
+
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
@@ -52,9 +54,18 @@ bool IsDaylightTimeNow() noexcept {
     return parts.tm_isdst > 0;
 }
 
+namespace {
+std::atomic<uint64_t> g_zoneGeneration{0};
+}  // namespace
+
+uint64_t TimeZoneGeneration() noexcept {
+    return g_zoneGeneration.load(std::memory_order_acquire);
+}
+
 bool SetProcessTimeZone(const char* rule) noexcept {
     const int rc = rule == nullptr ? ::unsetenv("TZ") : ::setenv("TZ", rule, 1);
     ::tzset();
+    g_zoneGeneration.fetch_add(1, std::memory_order_acq_rel);
     return rc == 0;
 }
 

@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "platform/timezone.h"
+
+#include <atomic>
 #include "platform/win32_api.h"
 
 namespace TOLVEN::platform {
@@ -160,15 +162,24 @@ bool IsDaylightTimeNow() noexcept {
     return westMinutes == g_zone.Bias + g_zone.DaylightBias;
 }
 
+namespace {
+std::atomic<uint64_t> g_zoneGeneration{0};
+}  // namespace
+
+uint64_t TimeZoneGeneration() noexcept {
+    return g_zoneGeneration.load(std::memory_order_acquire);
+}
+
 bool SetProcessTimeZone(const char* rule) noexcept {
     if (rule == nullptr) {
         g_zoneSet = false;
-        return true;
+    } else {
+        TIME_ZONE_INFORMATION zone;
+        if (!ParseRule(rule, &zone)) return false;
+        g_zone = zone;
+        g_zoneSet = true;
     }
-    TIME_ZONE_INFORMATION zone;
-    if (!ParseRule(rule, &zone)) return false;
-    g_zone = zone;
-    g_zoneSet = true;
+    g_zoneGeneration.fetch_add(1, std::memory_order_acq_rel);
     return true;
 }
 

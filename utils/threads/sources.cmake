@@ -2,4 +2,6 @@
 list(APPEND TOLVEN_SOURCES
     utils/threads/autothread.cpp
     utils/threads/Timer.cpp
-    utils/threads/HiResTimer.cpp)
+    utils/threads/HiResTimer.cpp
+    utils/threads/SnapshotTimer.cpp
+    utils/threads/LatencyTracker.cpp)
