@@ -165,10 +165,14 @@ bool SafeElement(const XmlNameDataRet& rec) noexcept {
 
 // The field type that a `type` value names, STRING when none.
 blob_field_type TypeOfName(const char* value) noexcept {
+    // All the names begin with the same 16 characters, "BLOB_FIELD_TYPE_".
+    constexpr size_t kPrefix = 16;
+    const size_t n = std::strlen(value);
+    if (n <= kPrefix || !NamesEqual(value, kBlobFieldTypeNames[1], kPrefix))
+        return BLOB_FIELD_TYPE_STRING;
     for (uint32_t t = 1; t < 27; ++t) {
-        const char* name = kBlobFieldTypeNames[t];
-        const size_t n = std::strlen(name);
-        if (std::strlen(value) == n && NamesEqual(value, name, n))
+        const char* name = kBlobFieldTypeNames[t] + kPrefix;
+        if (std::strlen(name) == n - kPrefix && NamesEqual(value + kPrefix, name, n - kPrefix))
             return static_cast<blob_field_type>(t);
     }
     return BLOB_FIELD_TYPE_STRING;

@@ -1,4 +1,5 @@
 // The flat XML tokeniser: entity escapes both ways, one tag, one element with its content.
+#include <cstdint>
 #include <cstring>
 
 #include "blob/blob_xml.h"
@@ -35,6 +36,28 @@ void Report(UtilError* error, const char* format, uint64_t position, const char*
     copy[n] = 0;
     error->SetErrorFormat(format, static_cast<unsigned>(position), copy);
 }
+
+// Character classes of the scanner: the characters that end a run in each state. NUL ends
+// every run.
+constexpr uint8_t kOutsideTag = 1;  // '<'
+constexpr uint8_t kInToken = 2;     // blanks, '<', '>', '/', '"'
+constexpr uint8_t kInQuote = 4;     // '<', '>', '"'
+struct ClassTable {
+    uint8_t v[256];
+    constexpr ClassTable() : v() {
+        v[0] = kOutsideTag | kInToken | kInQuote;
+        v[static_cast<unsigned char>('<')] = kOutsideTag | kInToken | kInQuote;
+        v[static_cast<unsigned char>(' ')] = kInToken;
+        v[static_cast<unsigned char>('\t')] = kInToken;
+        v[static_cast<unsigned char>('\r')] = kInToken;
+        v[static_cast<unsigned char>('\n')] = kInToken;
+        v[static_cast<unsigned char>('/')] = kInToken;
+        v[static_cast<unsigned char>('>')] = kInToken | kInQuote;
+        v[static_cast<unsigned char>('"')] = kInToken | kInQuote;
+    }
+};
+constexpr ClassTable kClassTable;
+constexpr const uint8_t* kClass = kClassTable.v;
 
 void ClearName(XmlNameRet* ret) noexcept {
     ret->name = nullptr;
@@ -143,6 +166,19 @@ int ParseXmlName(const char* text, uint64_t length, XmlNameRet* ret, UtilError* 
         token = nullptr;
     };
     for (; i < length && text[i] != 0; ++i) {
+        // Runs of characters that change nothing are passed over first: text outside a tag,
+        // the inside of a token.
+        if (!inComment) {
+            const uint8_t stop = !inTag             ? kOutsideTag
+                                 : token == nullptr ? 0
+                                 : inQuote          ? kInQuote
+                                                    : kInToken;
+            if (stop != 0) {
+                while (i < length && (kClass[static_cast<unsigned char>(text[i])] & stop) == 0)
+                    ++i;
+                if (i == length || text[i] == 0) break;
+            }
+        }
         const char c = text[i];
         if (inComment) {
             if (c == '-' && length - i >= 3 && text[i + 1] == '-' && text[i + 2] == '>') {
