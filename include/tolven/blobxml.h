@@ -20,8 +20,9 @@
 //   - BINARY and null fields are left out;
 //   - a nameless field comes back named by its number; a name with a blank or '/' in it,
 //     or longer than 254 bytes once escaped, does not read back as written.
-// The reader refuses (status 2) a DOCTYPE or any other "<!" markup but comments, entity
-// references beyond &quot; &lt; &gt; &apos; &amp;, and nested blobs deeper than 64 levels.
+// The reader refuses (status 2) a document that holds, anywhere, a DOCTYPE or any other "<!"
+// markup but comments or an entity reference beyond &quot; &lt; &gt; &apos; &amp;, and
+// nested blobs deeper than 64 levels.
 // No entity is ever expanded but those five, and no file or network is touched.
 #pragma once
 

@@ -1,4 +1,5 @@
 // The XML form of a blob: the writer, the reader of that form, and the free-form file reader.
+#include <array>
 #include <cstdio>
 #include <cstring>
 
@@ -41,19 +42,19 @@ inline bool IsNameChar(char c) noexcept {
 }  // namespace
 
 bool SafeMarkup(const char* p, uint64_t n) noexcept {
-    for (uint64_t i = 0; i < n; ++i) {
-        if (p[i] == '<') {
-            if (n - i >= 2 && p[i + 1] == '!' &&
-                !(n - i >= 4 && p[i + 2] == '-' && p[i + 3] == '-'))
-                return false;
-        } else if (p[i] == '&' && MatchEntity(p + i, n - i) < 0 && n - i >= 3) {
-            // "&name;" or "&#...;": a reference to an entity we do not expand.
-            uint64_t k = i + 1;
-            if (p[k] != '#' && !IsNameChar(p[k])) continue;
-            for (++k; k < n && k - i < 64 && IsNameChar(p[k]); ++k) {
-            }
-            if (k < n && p[k] == ';') return false;
+    const char* end = p + n;
+    for (const char* q = p; (q = static_cast<const char*>(std::memchr(q, '<', end - q))); ++q) {
+        if (end - q >= 2 && q[1] == '!' && !(end - q >= 4 && q[2] == '-' && q[3] == '-'))
+            return false;
+    }
+    for (const char* q = p; (q = static_cast<const char*>(std::memchr(q, '&', end - q))); ++q) {
+        // "&name;" or "&#...;" other than the five: a reference we do not expand.
+        if (MatchEntity(q, static_cast<uint64_t>(end - q)) >= 0 || end - q < 3) continue;
+        const char* k = q + 1;
+        if (*k != '#' && !IsNameChar(*k)) continue;
+        for (++k; k < end && k - q < 64 && IsNameChar(*k); ++k) {
         }
+        if (k < end && *k == ';') return false;
     }
     return true;
 }
@@ -140,7 +141,7 @@ char* StripValue(char* s) noexcept {
 
 // True when `p` of `n` characters is `word` in any case.
 inline bool IsWord(const char* p, uint64_t n, const char* word) noexcept {
-    return n == std::strlen(word) && NamesEqual(p, word, static_cast<size_t>(n));
+    return n == std::strlen(word) && EqualFold(p, word, static_cast<size_t>(n));
 }
 
 // The value behind `key` (of `keyLength`, with its '=') in an attribute, unescaped into
@@ -148,7 +149,7 @@ inline bool IsWord(const char* p, uint64_t n, const char* word) noexcept {
 // does not unescape.
 const char* AttributeValue(const XmlAttribute& a, const char* key, uint32_t keyLength,
                            char* out) noexcept {
-    if (a.length < keyLength || !NamesEqual(a.text, key, keyLength)) return nullptr;
+    if (a.length < keyLength || !EqualFold(a.text, key, keyLength)) return nullptr;
     if (ConvertFromXml(a.text + keyLength, a.length - keyLength, out, kXmlValueRoom) < 0)
         return nullptr;
     return StripValue(out);
@@ -167,14 +168,19 @@ bool SafeElement(const XmlNameDataRet& rec) noexcept {
 blob_field_type TypeOfName(const char* value) noexcept {
     // All the names begin with the same 16 characters, "BLOB_FIELD_TYPE_".
     constexpr size_t kPrefix = 16;
+    static const auto kSuffixLengths = [] {
+        std::array<uint8_t, 27> lengths{};
+        for (size_t t = 0; t < lengths.size(); ++t)
+            lengths[t] = static_cast<uint8_t>(std::strlen(kBlobFieldTypeNames[t]) - kPrefix);
+        return lengths;
+    }();
     const size_t n = std::strlen(value);
-    if (n <= kPrefix || !NamesEqual(value, kBlobFieldTypeNames[1], kPrefix))
+    if (n <= kPrefix || !EqualFold(value, kBlobFieldTypeNames[1], kPrefix))
         return BLOB_FIELD_TYPE_STRING;
-    for (uint32_t t = 1; t < 27; ++t) {
-        const char* name = kBlobFieldTypeNames[t] + kPrefix;
-        if (std::strlen(name) == n - kPrefix && NamesEqual(value + kPrefix, name, n - kPrefix))
+    for (uint32_t t = 1; t < 27; ++t)
+        if (kSuffixLengths[t] == n - kPrefix &&
+            EqualFold(value + kPrefix, kBlobFieldTypeNames[t] + kPrefix, n - kPrefix))
             return static_cast<blob_field_type>(t);
-    }
     return BLOB_FIELD_TYPE_STRING;
 }
 
@@ -187,7 +193,7 @@ blob_status ReadXmlField(_BLOB_INFO* blob, const XmlNameDataRet& rec,
     for (uint32_t k = 0; k < rec.attributeCount; ++k) {
         if (const char* v = AttributeValue(rec.attributes[k], "type=", 5, typeArea)) {
             typeValue = v;
-            if (NamesEqual(v, "xml", 3) && std::strlen(v) >= 3) {
+            if (std::strlen(v) >= 3 && EqualFold(v, "xml", 3)) {
                 xml = true;
                 break;
             }
@@ -244,7 +250,9 @@ blob_status ReadXmlElements(_BLOB_INFO* blob, const char* text, uint64_t length,
         if (n <= 0) return n < 0 ? BLOB_STATUS_INVALID_PARAMETER : BLOB_STATUS_SUCCESS;
         pos += static_cast<uint64_t>(n);
         if (rec.name == nullptr) continue;  // only blanks and comments were left
-        if ((rec.flags & kXmlTagOpen) == 0 || !SafeElement(rec))
+        // The markup of the whole document was checked once; here only a declaration or a
+        // processing instruction in a tag's place is left to refuse.
+        if ((rec.flags & kXmlTagOpen) == 0 || rec.name[0] == '!' || rec.name[0] == '?')
             return BLOB_STATUS_INVALID_PARAMETER;
         const blob_status s = IsWord(rec.name, rec.nameLength, "blob")
                                   ? ReadXmlNested(blob, rec, option, depth)
@@ -296,7 +304,7 @@ blob_status FreeFormElement(_BLOB_INFO* blob, const XmlNameDataRet& rec, unsigne
             break;
         }
         const char* value = StripValue(area);
-        if (a.length >= 5 && NamesEqual(a.text, "name=", 5)) {
+        if (a.length >= 5 && EqualFold(a.text, "name=", 5)) {
             std::memmove(name, value, std::strlen(value) + 1);
             continue;
         }
@@ -397,7 +405,8 @@ blob_status BlobFromXml(const char* text, uint64_t length, _BLOB_INFO** out,
     *out = nullptr;
     XmlNameDataRet rec;
     const int n = ParseXmlNameAndData(text, length, &rec, nullptr);
-    if (n < 0 || rec.name == nullptr || !IsWord(rec.name, rec.nameLength, "blob"))
+    if (n < 0 || rec.name == nullptr || !IsWord(rec.name, rec.nameLength, "blob") ||
+        !SafeMarkup(text, static_cast<uint64_t>(n)))
         return BLOB_STATUS_INVALID_PARAMETER;
     _BLOB_INFO* blob = nullptr;
     blob_status s = CreateBlob(&blob, BLOB_CREATE_DEFAULT);

@@ -15,7 +15,7 @@ int MatchEntity(const char* p, uint64_t left) noexcept {
     if (left < 4) return -1;
     for (int k = 0; k < 5; ++k) {
         const XmlEntity& e = kXmlEntities[k];
-        if (left >= e.length && NamesEqual(p, e.text, e.length)) return k;
+        if (left >= e.length && EqualFold(p, e.text, e.length)) return k;
     }
     return -1;
 }
@@ -125,6 +125,16 @@ int ConvertToXml(const char* text, uint64_t length, char* out, uint64_t size) {
 int ConvertFromXml(const char* text, uint64_t length, char* out, uint64_t size) {
     if (out == nullptr || size == 0) return -1;
     uint64_t w = 0;
+    if (text != nullptr) {
+        // Nothing to replace and room for all: a copy up to the first NUL.
+        const void* nul = std::memchr(text, 0, length);
+        const uint64_t n = nul != nullptr ? static_cast<const char*>(nul) - text : length;
+        if (n < size && std::memchr(text, '&', n) == nullptr) {
+            std::memcpy(out, text, n);
+            out[n] = 0;
+            return static_cast<int>(n);
+        }
+    }
     if (text != nullptr) {
         for (uint64_t i = 0; i < length && text[i] != 0 && size - w > 1;) {
             const int k = text[i] == '&' ? MatchEntity(text + i, length - i) : -1;
@@ -281,7 +291,7 @@ int ParseXmlNameAndData(const char* text, uint64_t length, XmlNameDataRet* ret, 
                 return -1;
             }
             if (inner.name != nullptr && inner.nameLength == ret->nameLength &&
-                NamesEqual(inner.name, ret->name, inner.nameLength)) {
+                EqualFold(inner.name, ret->name, inner.nameLength)) {
                 if ((inner.flags & kXmlTagOpen) != 0) ++depth;
                 if ((inner.flags & kXmlTagClose) != 0) --depth;
                 if (depth == 0) {

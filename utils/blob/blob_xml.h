@@ -1,6 +1,7 @@
 // Internals shared by the tokeniser, the XML writer and readers and the text forms.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -20,6 +21,17 @@ extern const XmlEntity kXmlEntities[5];
 // The entity that begins at `p` (any case) with `left` characters available: its place in
 // kXmlEntities, or -1.
 int MatchEntity(const char* p, uint64_t left) noexcept;
+
+// `n` bytes of `a` and `b` equal with A-Z folded (the blob's rule for names), inline.
+inline bool EqualFold(const char* a, const char* b, size_t n) noexcept {
+    for (size_t i = 0; i < n; ++i) {
+        const auto x = static_cast<unsigned char>(a[i]), y = static_cast<unsigned char>(b[i]);
+        if (x == y) continue;
+        if ((x | 0x20) != (y | 0x20) || static_cast<unsigned char>((x | 0x20) - 'a') > 25)
+            return false;
+    }
+    return true;
+}
 
 // Deepest nesting of <blob> elements below the document that the reader accepts.
 inline constexpr unsigned kMaxXmlDepth = 64;
