@@ -9,8 +9,9 @@
 // bytes. Fields of different types meet as numbers when one is a number (as floats when
 // either is a float), otherwise as their text; a null field is below anything.
 //
-// The comparisons hold the read side of both blobs' locks; the combine and copy calls hold
-// the write side of the target's and the read side of the source's for the whole call.
+// The comparisons hold the read side of both blobs' locks; DiffBlob and the combine and copy
+// calls hold the write side of the target's and the read side of the source's for the whole
+// call, so two threads must not merge two locked blobs into each other at the same time.
 #pragma once
 
 #include <cstdint>
