@@ -1,6 +1,7 @@
 // Typed reads of blob fields, by number and by name: scalars and arrays with conversion,
 // text, UTF-16, binary, nested blobs, time stamps, and pointers into the buffer.
 #include "blob/blob_typed.h"
+#include "tolven/blobxml.h"
 
 namespace TOLVEN {
 namespace detail {
@@ -209,9 +210,15 @@ blob_status ReadBinary(const FieldView& f, unsigned char* buffer, uint64_t* size
     return BLOB_STATUS_SUCCESS;
 }
 
-// GetBlob: an owned copy of a nested blob.
+// GetBlob: an owned copy of a nested blob, or the blob a STRING field holds in XML form.
 blob_status ReadBlob(const FieldView& f, _BLOB_INFO** out) noexcept {
-    // A STRING field will be read as the blob's XML form once the XML reader is in place.
+    if (f.type == BLOB_FIELD_TYPE_STRING) {
+        const auto* text = reinterpret_cast<const char*>(f.data);
+        return BlobFromXml(text, TextLength(text, f.size), out, BLOBXML_DEFAULT) ==
+                       BLOB_STATUS_SUCCESS
+                   ? BLOB_STATUS_SUCCESS
+                   : BLOB_STATUS_UNHANDLED_TYPE;
+    }
     if (f.type != BLOB_FIELD_TYPE_BLOB) return BLOB_STATUS_UNHANDLED_TYPE;
     return CreateBlob(out, f.data, UINT64_MAX, true, BLOB_CREATE_DEFAULT);
 }
