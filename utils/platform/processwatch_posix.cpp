@@ -15,7 +15,11 @@
 namespace TOLVEN::platform {
 namespace {
 
-// The state letter and start time of `pid` from its stat line; false when it is gone.
+constexpr uint64_t kExitingFlag = 0x4;  // PF_EXITING: the task is on its way out
+
+// The state letter and start time of `pid` from its stat line; false when it is gone. A
+// process already ending reads as state 'X': a robust mutex it held is given up while its
+// exit runs, before it turns into a zombie.
 bool ReadStat(uint64_t pid, char* state, uint64_t* start) noexcept {
     if (pid == 0 || pid > 0x7FFFFFFF) return false;
     char path[64];
@@ -33,11 +37,12 @@ bool ReadStat(uint64_t pid, char* state, uint64_t* start) noexcept {
     if (p == nullptr || p[1] != ' ') return false;
     p += 2;
     *state = *p;
-    // Field 3 is the state; the start time is field 22.
+    // Field 3 is the state, field 9 the flags and field 22 the start time.
     for (int field = 3; field < 22; ++field) {
         p = std::strchr(p, ' ');
         if (p == nullptr) return false;
         ++p;
+        if (field + 1 == 9 && (std::strtoull(p, nullptr, 10) & kExitingFlag) != 0) *state = 'X';
     }
     *start = std::strtoull(p, nullptr, 10);
     return true;

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "log/LogApiInternal.h"
 #include "platform/affinity.h"
 #include "platform/clock.h"
 #include "platform/thread.h"
@@ -160,6 +161,13 @@ void ApplyThreadFileSettings(thread_data* data, unsigned int* priority) {
                        error.GetError());
         error.Clear();
     };
+
+    // This thread holds the configuration lock, and may be "LogThread" itself: its lines
+    // must never wait for the log thread to make room.
+    struct NeverWait {
+        bool was = SetLogNeverWait(true);
+        ~NeverWait() { (void)SetLogNeverWait(was); }
+    } neverWait;
 
     (void)set_threadaffinityfile(nullptr, nullptr);
     IniConfigReader* r = g_reader;
