@@ -11,23 +11,14 @@
 #include <utility>
 #include <vector>
 
+#include "tolven/affinity.h"
 #include "tolven/event.h"
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"
 
 namespace TOLVEN {
 
-// An inclusive range of processor numbers.
-struct cpu_range {
-    uint32_t first = 0;
-    uint32_t last = 0;
-};
-
-// Processor ranges a thread is bound to, with the text they were read from.
-struct cpu_affinity {
-    std::vector<cpu_range> ranges;
-    std::string text;
-};
+class UtilError;
 
 // The process-wide registry of configured threads. Safe for concurrent use without
 // external locking: readers take get_lock() while they walk the map.
@@ -37,7 +28,7 @@ class thread_details {
     // every event detector of the thread copies.
     struct thread_data : DetectorOptions {
         std::string name;
-        cpu_affinity cpuAffinity;
+        affinity cpuAffinity;
         bool loadBalance = false;
         uint32_t assignedCpu = 0;
         std::thread::id id;
@@ -56,6 +47,15 @@ class thread_details {
     QuickLock& get_lock() noexcept { return lock_; }
     // The map from thread id to record; hold get_lock() while reading it.
     const std::map<std::thread::id, thread_data*>& get_thread_map() const noexcept { return map_; }
+
+    // Records `path` as this process's thread file in the machine-wide table, taking the
+    // first record that is free, already this process's, or left by a process that no
+    // longer runs. False when every record belongs to a running process.
+    bool set_threadaffinityfile(const char* path);
+    // Meant to compare the thread files of the machine's processes; no comparison is made
+    // and the answer is always false. Without a thread file set, `error` gets "Please set a
+    // thread file first using set_threadaffinityfile()".
+    bool verify_affinity(UtilError* error);
 
     thread_details(const thread_details&) = delete;
     thread_details& operator=(const thread_details&) = delete;

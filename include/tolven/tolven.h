@@ -1,6 +1,7 @@
 // Every public header of the library.
 #pragma once
 
+#include "tolven/affinity.h"
 #include "tolven/asyncfile.h"
 #include "tolven/autothread.h"
 #include "tolven/baseallocator.h"
@@ -28,6 +29,7 @@
 #include "tolven/mappedblockallocator.h"
 #include "tolven/mkdbimpl.h"
 #include "tolven/osutils.h"
+#include "tolven/processmonitor.h"
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"
 #include "tolven/rwlock.h"

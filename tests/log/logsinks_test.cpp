@@ -32,6 +32,15 @@ std::vector<std::string> SplitLines(const std::string& text) {
 
 const char* const kStamp = R"(\(\d\d:\d\d:\d\d\.\d{5}\) )";
 
+// "LogThread" runs for the whole binary, so that the line it logs about its own settings as
+// it starts comes before any sink of a test is listening.
+struct RunningLogThread : ::testing::Environment {
+    void SetUp() override { ASSERT_EQ(LogInitApi(), LOG_SUCCESS); }
+    void TearDown() override { LogTermApi(); }
+};
+[[maybe_unused]] ::testing::Environment* const g_logThread =
+    ::testing::AddGlobalTestEnvironment(new RunningLogThread);
+
 }  // namespace
 
 TEST(StandardLogSink, LevelSetBeforeRegistrationHoldsAndRegistrationIsOnce) {

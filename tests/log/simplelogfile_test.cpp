@@ -14,6 +14,7 @@
 #include "blob/civil_time.h"
 #include "log/LogFileInternal.h"
 #include "log/logfile_test_util.h"
+#include "log/sink_test_util.h"
 #include "platform/directory.h"
 #include "platform/file.h"
 #include "platform/process.h"
@@ -70,6 +71,7 @@ struct Messages {
     }
     static void Take(_LOGGER_CB_DATA* const data, void* context) {
         auto* self = static_cast<Messages*>(context);
+        if (sinktest::IsThreadStartLine(data)) return;
         std::lock_guard<std::mutex> guard(self->lock);
         self->seen.push_back(*data);
         self->texts.emplace_back(data->text);

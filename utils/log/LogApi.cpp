@@ -83,6 +83,8 @@ alignas(64) constinit std::atomic<uint32_t> g_sequence{0};
 __attribute__((tls_model("initial-exec")))
 #endif
 thread_local bool t_consumer = false;
+// Set while a thread configures itself: see SetLogNeverWait.
+thread_local bool t_neverWait = false;
 
 struct LogApiState {
     detail::CriticalSection apiLock{4000};
@@ -294,6 +296,12 @@ namespace detail {
 // Constant initialised and trivially destroyed, so it can be read at any time of the process.
 alignas(64) constinit std::atomic<int32_t> logLevelListeners[LOGGER_ERROR + 1] = {};
 
+bool SetLogNeverWait(bool neverWait) noexcept {
+    const bool was = t_neverWait;
+    t_neverWait = neverWait;
+    return was;
+}
+
 CriticalSection& LogApiLock() {
     return State().apiLock;
 }
@@ -458,7 +466,8 @@ log_status detail::LogProcessEnabledEvent(logger_event_level level, const char* 
     const uint32_t payloadLength = length + kFrameHeader + 1;
     uint8_t* target;
     // A delivering thread must not wait for room: only it could make some.
-    if (ring.AcquireWrite(payloadLength, &target, !t_consumer) != detail::ring_status::ok)
+    if (ring.AcquireWrite(payloadLength, &target, !t_consumer && !t_neverWait) !=
+        detail::ring_status::ok)
         return status;
     CopyFrame(target, &frame, payloadLength);
     ring.ReleaseWrite();

@@ -23,4 +23,10 @@ uint64_t LogBlockedWriteCount() noexcept;
 // while it drains).
 bool IsLogConsumerThread() noexcept;
 
+// While set, the calling thread's messages never wait for room in the ring: with the ring
+// full they are dropped. For a thread that logs while it configures itself, which holds the
+// configuration lock and may be the log thread itself, before it drains anything. Returns
+// the previous setting.
+bool SetLogNeverWait(bool neverWait) noexcept;
+
 }  // namespace TOLVEN::detail

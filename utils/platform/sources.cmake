@@ -17,8 +17,11 @@ if(WIN32)
         utils/platform/periodictimer_win32.cpp
         utils/platform/console_win32.cpp
         utils/platform/socket_win32.cpp
-        utils/platform/mappedfile_win32.cpp)
-    set(TOLVEN_PLATFORM_LIBS version psapi shlwapi winmm ws2_32)
+        utils/platform/mappedfile_win32.cpp
+        utils/platform/affinity_win32.cpp
+        utils/platform/processwatch_win32.cpp
+        utils/platform/namedmutex_win32.cpp)
+    set(TOLVEN_PLATFORM_LIBS version psapi shlwapi winmm ws2_32 ole32)
 else()
     list(APPEND TOLVEN_SOURCES
         utils/platform/critical_section_posix.cpp
@@ -36,8 +39,11 @@ else()
         utils/platform/periodictimer_posix.cpp
         utils/platform/console_posix.cpp
         utils/platform/socket_posix.cpp
-        utils/platform/mappedfile_posix.cpp)
-    set(TOLVEN_PLATFORM_LIBS dl rt)
+        utils/platform/mappedfile_posix.cpp
+        utils/platform/affinity_posix.cpp
+        utils/platform/processwatch_posix.cpp
+        utils/platform/namedmutex_posix.cpp)
+    set(TOLVEN_PLATFORM_LIBS dl rt numa)
 endif()
 # Code that is the same on every platform.
 list(APPEND TOLVEN_SOURCES

@@ -48,11 +48,6 @@ void OnConfiguredThreadExit(void*) {
     (void)static_cast<thread_details_private&>(thread_details::get()).remove(id);
 }
 
-detail::CriticalSection& ConfigSection() {
-    static auto* cs = new detail::CriticalSection(4000);
-    return *cs;
-}
-
 // The main thread's shutdown event; the answer of GetShutdownEvent for foreign threads.
 Event& MainEvent() {
     static Event* event = new Event(Event::InvalidTag{});
@@ -62,8 +57,10 @@ Event& MainEvent() {
 }  // namespace
 
 namespace detail {
-void ApplyThreadFileSettings(thread_data*) {}
-void OnAutoThreadExit() {}
+CriticalSection& ThreadConfigSection() {
+    static auto* cs = new CriticalSection(4000);
+    return *cs;
+}
 }  // namespace detail
 
 // ---- registry --------------------------------------------------------------------------
@@ -122,15 +119,11 @@ void ConfigureCurrentThread(const char* name, unsigned int* priority, Event* shu
     data->nativeId = platform::CurrentThreadId();
     data->handle = platform::CurrentThreadHandle();
     data->shutdownEvent = shutdownEvent;
-    if (priority != nullptr && *priority <= 100) {
-        data->priority = *priority;
-        (void)platform::SetThreadPriority(data->nativeId, PriorityPercentToPlatform(*priority));
-    }
     if (data->name != "main") platform::SetCurrentThreadName(data->name.c_str());
 
-    HouseLockGuard guard(ConfigSection());
+    HouseLockGuard guard(detail::ThreadConfigSection());
     const SlotDetails& slot = ThreadSlot();
-    detail::ApplyThreadFileSettings(data);
+    detail::ApplyThreadFileSettings(data, priority);
     (void)ExTlsSet(&slot, data);
     for (EventDetectorType*& d : data->detectorCache)
         d = new EventDetectorType(*data);

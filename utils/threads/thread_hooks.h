@@ -2,12 +2,18 @@
 #pragma once
 
 #include "tolven/autothread.h"
+#include "tolven/detail/critical_section.h"
 
 namespace TOLVEN::detail {
 
-// Applies the thread file's settings to a record being configured. Does nothing until the
-// thread file exists.
-void ApplyThreadFileSettings(thread_data* data);
+// The process-wide critical section under which threads configure themselves.
+CriticalSection& ThreadConfigSection();
+
+// Applies the thread file's settings to a record being configured, under the configuration
+// critical section: the creator's `priority` (may be null) or the file's, the spinning
+// options, processors and COM apartment. Every failure is logged and leaves the thread
+// running with what was set.
+void ApplyThreadFileSettings(thread_data* data, unsigned int* priority);
 
 // Process-wide set-up that belongs to the main thread's configuration, such as the blob
 // pools. Does nothing until those subsystems exist.
