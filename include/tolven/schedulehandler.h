@@ -77,6 +77,9 @@ class ScheduleHandler {
     int AddScheduleTime(_RUN_CONNECT_TIMES& time);
     int IsvalidRunTime(_RUN_CONNECT_TIMES* time);
     void ClearCreatedScheduleFlag();
+    template <class Opens, class Joins, class Take>
+    int MakeRunTimes(std::vector<_COMMAND_RUN_TIMES>* out, bool endOnly, Opens opens, Joins joins,
+                     Take take);
 
     std::vector<_RUN_CONNECT_TIMES> times_;
 };

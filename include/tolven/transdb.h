@@ -167,6 +167,9 @@ class TransDb : public csdb {
     bool IsItemValid(uint64_t position, uint64_t recNum, uint64_t limit);
     bool IsValid(const csdb_context* ctx);
     bool IsValid(const csdb_context* ctx, uint64_t writePosition, uint64_t count) const;
+    // GetFirst and GetLast: the record found by lower_bound or upper_bound from the key.
+    csdb_status ReadFromBound(bool upper, unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
+                              csdb_context* ctx);
     csdb_status lower_bound(uint64_t limit, uint64_t recNum, uint64_t* outRecNum,
                             uint64_t* outPosition, _BLOB_INFO* outBlob);
     csdb_status upper_bound(uint64_t limit, uint64_t recNum, uint64_t* outRecNum,

@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "service/BasicSrvImpl.h"
+#include "service/ServiceText.h"
 
 namespace TOLVEN {
 namespace {
@@ -15,16 +16,6 @@ constexpr const char* kSection = "CMD";
 constexpr int64_t kSecondsPerDay = 86400;
 
 std::atomic<BasicSrvImpl::LocalClockFunction> gLocalClock{nullptr};
-
-
-bool EqualNoCase(const char* a, const char* b) {
-    for (; *a != '\0' && *b != '\0'; ++a, ++b) {
-        const char x = *a >= 'A' && *a <= 'Z' ? static_cast<char>(*a - 'A' + 'a') : *a;
-        const char y = *b >= 'A' && *b <= 'Z' ? static_cast<char>(*b - 'A' + 'a') : *b;
-        if (x != y) return false;
-    }
-    return *a == *b;
-}
 
 bool IsRunDay(const int (&days)[7], unsigned int day) {
     return days[day % 7] == 1;
@@ -257,7 +248,7 @@ basicsrv_status BasicSrvImpl::UnregisterMaintenanceCommand(const char* name) {
     QuickLockGuard guard(stateLock_);
     bool found = false;
     for (auto it = maintCommands_.begin(); it != maintCommands_.end();) {
-        if (EqualNoCase((*it)->name.c_str(), name)) {
+        if (detail::EqualNoCase((*it)->name.c_str(), name)) {
             (*it)->removed = true;
             it = maintCommands_.erase(it);
             found = true;
@@ -270,7 +261,7 @@ basicsrv_status BasicSrvImpl::UnregisterMaintenanceCommand(const char* name) {
 
 MaintCommand* BasicSrvImpl::FindMaintCommand(const char* name) {
     for (const auto& command : maintCommands_)
-        if (EqualNoCase(command->name.c_str(), name)) return command.get();
+        if (detail::EqualNoCase(command->name.c_str(), name)) return command.get();
     return nullptr;
 }
 
@@ -386,7 +377,7 @@ void BasicSrvImpl::MaintCommandLine(_BASICSRV_COMMAND_INFO& info) {
     BasicSrvStatusWriter& out = *info.writer;
     const char* verb = info.argc > 0 ? info.args[0] : "";
     if (info.argc == 0 ||
-        (info.argc == 1 && (EqualNoCase(verb, "help") || EqualNoCase(verb, "?")))) {
+        (info.argc == 1 && (detail::EqualNoCase(verb, "help") || detail::EqualNoCase(verb, "?")))) {
         (void)out.FormatStatus("Use '%s %s' to show all registered maintenance commands.\n",
                                "maint", "show");
         (void)out.FormatStatus(
@@ -399,7 +390,7 @@ void BasicSrvImpl::MaintCommandLine(_BASICSRV_COMMAND_INFO& info) {
         return;
     }
     QuickLockGuard guard(stateLock_);
-    if (info.argc == 1 && EqualNoCase(verb, "show")) {
+    if (info.argc == 1 && detail::EqualNoCase(verb, "show")) {
         if (maintCommands_.empty()) {
             (void)out.WriteStatus("\nNo maintenance commands have been registered.\n");
             return;
@@ -438,9 +429,9 @@ void BasicSrvImpl::MaintCommandLine(_BASICSRV_COMMAND_INFO& info) {
         return;
     }
     const char* name = info.args[1];
-    const bool run = EqualNoCase(verb, "run");
-    const bool disable = EqualNoCase(verb, "disable");
-    const bool enable = EqualNoCase(verb, "enable");
+    const bool run = detail::EqualNoCase(verb, "run");
+    const bool disable = detail::EqualNoCase(verb, "disable");
+    const bool enable = detail::EqualNoCase(verb, "enable");
     if (!run && !disable && !enable) {
         (void)out.WriteStatus("\nInvalid command\n");
         return;

@@ -7,6 +7,7 @@
 
 #include "tolven/logapi.h"
 #include "tolven/osutils.h"
+#include "service/ServiceText.h"
 
 namespace TOLVEN {
 namespace {
@@ -16,18 +17,9 @@ constexpr size_t kTextSize = 1024;      // room of a copied schedule text
 constexpr size_t kRunDaysSize = 255;    // room of a copied run-day list
 constexpr size_t kConfigTextSize = 64;  // room of a schedule read from configuration
 
-bool EqualNoCase(const char* a, const char* b) {
-    for (; *a != '\0' && *b != '\0'; ++a, ++b) {
-        const char x = *a >= 'A' && *a <= 'Z' ? static_cast<char>(*a - 'A' + 'a') : *a;
-        const char y = *b >= 'A' && *b <= 'Z' ? static_cast<char>(*b - 'A' + 'a') : *b;
-        if (x != y) return false;
-    }
-    return *a == *b;
-}
-
 bool InList(const char* word, std::initializer_list<const char*> names) {
     for (const char* name : names)
-        if (EqualNoCase(word, name)) return true;
+        if (detail::EqualNoCase(word, name)) return true;
     return false;
 }
 
@@ -151,109 +143,83 @@ void ScheduleHandler::ClearCreatedScheduleFlag() {
         time.created = false;
 }
 
-int ScheduleHandler::GetSODMaintCommandTimes(std::vector<_COMMAND_RUN_TIMES>* out) {
+// The frame the four lists share: each range not yet used either opens a run time (when
+// `opens` says so) or is passed over; the later unused ranges that `joins` accepts add their
+// days to it. `take` marks the ranges of a run time. 1 when something was appended.
+template <class Opens, class Joins, class Take>
+int ScheduleHandler::MakeRunTimes(std::vector<_COMMAND_RUN_TIMES>* out, bool endOnly, Opens opens,
+                                  Joins joins, Take take) {
     if (out == nullptr) return 0;
     ClearCreatedScheduleFlag();
     int made = 0;
     for (size_t i = 0; i < times_.size(); ++i) {
         _RUN_CONNECT_TIMES& open = times_[i];
         if (open.created) continue;
-        bool earliest = true;
-        for (size_t j = 0; j < times_.size(); ++j)
-            if (j != i && times_[j].day == open.day && times_[j].start < open.start)
-                earliest = false;
         open.created = true;
-        if (!earliest && !open.spansMidnight) continue;
-        open.startOfDayTaken = true;
-        _COMMAND_RUN_TIMES run = RunTimeOf(open, false);
+        if (!opens(i)) continue;
+        take(open);
+        _COMMAND_RUN_TIMES run = RunTimeOf(open, endOnly);
         for (size_t j = i + 1; j < times_.size(); ++j) {
             _RUN_CONNECT_TIMES& other = times_[j];
-            if (other.created || other.start != open.start || other.end != open.end) continue;
+            if (other.created || !joins(open, other)) continue;
             other.created = true;
-            other.startOfDayTaken = true;
+            take(other);
             run.runDays[other.day % 7] = 1;
         }
         out->push_back(run);
         made = 1;
     }
     return made;
+}
+
+int ScheduleHandler::GetSODMaintCommandTimes(std::vector<_COMMAND_RUN_TIMES>* out) {
+    // The earliest range of its day, or a first half cut at midnight.
+    auto opens = [this](size_t i) {
+        const _RUN_CONNECT_TIMES& open = times_[i];
+        if (open.spansMidnight) return true;
+        for (size_t j = 0; j < times_.size(); ++j)
+            if (j != i && times_[j].day == open.day && times_[j].start < open.start) return false;
+        return true;
+    };
+    auto joins = [](const _RUN_CONNECT_TIMES& a, const _RUN_CONNECT_TIMES& b) {
+        return a.start == b.start && a.end == b.end;
+    };
+    return MakeRunTimes(out, false, opens, joins,
+                        [](_RUN_CONNECT_TIMES& t) { t.startOfDayTaken = true; });
 }
 
 int ScheduleHandler::GetConnectMaintCommandTimes(std::vector<_COMMAND_RUN_TIMES>* out) {
-    if (out == nullptr) return 0;
-    ClearCreatedScheduleFlag();
-    int made = 0;
-    for (size_t i = 0; i < times_.size(); ++i) {
-        _RUN_CONNECT_TIMES& open = times_[i];
-        if (open.created) continue;
-        open.created = true;
-        if (open.startOfDayTaken) continue;
-        _COMMAND_RUN_TIMES run = RunTimeOf(open, false);
-        for (size_t j = i + 1; j < times_.size(); ++j) {
-            _RUN_CONNECT_TIMES& other = times_[j];
-            if (other.created || other.startOfDayTaken || other.start != open.start ||
-                other.end != open.end)
-                continue;
-            other.created = true;
-            run.runDays[other.day % 7] = 1;
-        }
-        out->push_back(run);
-        made = 1;
-    }
-    return made;
+    auto opens = [this](size_t i) { return !times_[i].startOfDayTaken; };
+    auto joins = [](const _RUN_CONNECT_TIMES& a, const _RUN_CONNECT_TIMES& b) {
+        return !b.startOfDayTaken && a.start == b.start && a.end == b.end;
+    };
+    return MakeRunTimes(out, false, opens, joins, [](_RUN_CONNECT_TIMES&) {});
 }
 
 int ScheduleHandler::GetEODMaintCommandTimes(std::vector<_COMMAND_RUN_TIMES>* out) {
-    if (out == nullptr) return 0;
-    ClearCreatedScheduleFlag();
-    int made = 0;
-    for (size_t i = 0; i < times_.size(); ++i) {
-        _RUN_CONNECT_TIMES& open = times_[i];
-        if (open.created) continue;
-        bool latest = true;
+    // The latest end of its day; halves before midnight neither open nor count.
+    auto opens = [this](size_t i) {
+        const _RUN_CONNECT_TIMES& open = times_[i];
+        if (open.spansMidnight) return false;
         for (size_t j = 0; j < times_.size(); ++j)
             if (j != i && times_[j].day == open.day && !times_[j].spansMidnight &&
                 times_[j].end > open.end)
-                latest = false;
-        open.created = true;
-        if (open.spansMidnight || !latest) continue;
-        open.endOfDayTaken = true;
-        _COMMAND_RUN_TIMES run = RunTimeOf(open, true);
-        for (size_t j = i + 1; j < times_.size(); ++j) {
-            _RUN_CONNECT_TIMES& other = times_[j];
-            if (other.created || other.spansMidnight || other.end != open.end) continue;
-            other.created = true;
-            other.endOfDayTaken = true;
-            run.runDays[other.day % 7] = 1;
-        }
-        out->push_back(run);
-        made = 1;
-    }
-    return made;
+                return false;
+        return true;
+    };
+    auto joins = [](const _RUN_CONNECT_TIMES& a, const _RUN_CONNECT_TIMES& b) {
+        return !b.spansMidnight && a.end == b.end;
+    };
+    return MakeRunTimes(out, true, opens, joins,
+                        [](_RUN_CONNECT_TIMES& t) { t.endOfDayTaken = true; });
 }
 
 int ScheduleHandler::GetDisconnectMaintCommandTimes(std::vector<_COMMAND_RUN_TIMES>* out) {
-    if (out == nullptr) return 0;
-    ClearCreatedScheduleFlag();
-    int made = 0;
-    for (size_t i = 0; i < times_.size(); ++i) {
-        _RUN_CONNECT_TIMES& open = times_[i];
-        if (open.created) continue;
-        open.created = true;
-        if (open.endOfDayTaken || open.spansMidnight) continue;
-        _COMMAND_RUN_TIMES run = RunTimeOf(open, true);
-        for (size_t j = i + 1; j < times_.size(); ++j) {
-            _RUN_CONNECT_TIMES& other = times_[j];
-            if (other.created || other.endOfDayTaken || other.spansMidnight ||
-                other.end != open.end)
-                continue;
-            other.created = true;
-            run.runDays[other.day % 7] = 1;
-        }
-        out->push_back(run);
-        made = 1;
-    }
-    return made;
+    auto opens = [this](size_t i) { return !times_[i].endOfDayTaken && !times_[i].spansMidnight; };
+    auto joins = [](const _RUN_CONNECT_TIMES& a, const _RUN_CONNECT_TIMES& b) {
+        return !b.endOfDayTaken && !b.spansMidnight && a.end == b.end;
+    };
+    return MakeRunTimes(out, true, opens, joins, [](_RUN_CONNECT_TIMES&) {});
 }
 
 int ScheduleHandler::GetDayIndex(const char* name) {

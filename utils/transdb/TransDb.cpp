@@ -372,24 +372,16 @@ csdb_status TransDb::End(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row, c
 
 csdb_status TransDb::GetFirst(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
                               csdb_context* ctx) {
-    if (index != 0) return CSDB_NO_SUCH_INDEX;
-    if (key == nullptr) return CSDB_BAD_ARGUMENT;
-    uint64_t wanted = 0;
-    if (!KeyRecNum(key, &wanted)) return CSDB_CONVERT_FAILED;
-    ReadView view;
-    if (!AquireRead(&view)) return CSDB_NOT_OPEN;
-    ReadScope scope(&readers_);
-    uint64_t recNum = 0, position = 0;
-    ClearBlob(row);
-    const csdb_status st = lower_bound(view.writePosition, wanted, &recNum, &position, row);
-    if (st != CSDB_SUCCESS) return st;
-    SetKey(key, recNum);
-    FillContext(ctx, recNum, position);
-    return CSDB_SUCCESS;
+    return ReadFromBound(false, index, key, row, ctx);
 }
 
 csdb_status TransDb::GetLast(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
                              csdb_context* ctx) {
+    return ReadFromBound(true, index, key, row, ctx);
+}
+
+csdb_status TransDb::ReadFromBound(bool upper, unsigned int index, _BLOB_INFO* key, _BLOB_INFO* row,
+                                   csdb_context* ctx) {
     if (index != 0) return CSDB_NO_SUCH_INDEX;
     if (key == nullptr) return CSDB_BAD_ARGUMENT;
     uint64_t wanted = 0;
@@ -399,7 +391,8 @@ csdb_status TransDb::GetLast(unsigned int index, _BLOB_INFO* key, _BLOB_INFO* ro
     ReadScope scope(&readers_);
     uint64_t recNum = 0, position = 0;
     ClearBlob(row);
-    const csdb_status st = upper_bound(view.writePosition, wanted, &recNum, &position, row);
+    const csdb_status st = upper ? upper_bound(view.writePosition, wanted, &recNum, &position, row)
+                                 : lower_bound(view.writePosition, wanted, &recNum, &position, row);
     if (st != CSDB_SUCCESS) return st;
     SetKey(key, recNum);
     FillContext(ctx, recNum, position);
