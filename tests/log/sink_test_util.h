@@ -19,6 +19,13 @@ inline bool IsThreadStartLine(const TOLVEN::_LOGGER_CB_DATA* data) {
            std::strcmp(data->function, "TOLVEN::set_threadaffinityfile") == 0;
 }
 
+// True for the text of such a line as a log file holds it.
+inline bool IsThreadStartText(const std::string& line) {
+    return line.find("Thread <") != std::string::npos ||
+           line.find("thread affinity file") != std::string::npos ||
+           line.find("thread config file") != std::string::npos;
+}
+
 // Registered at TRACE from construction to destruction.
 class KeepSink : public TOLVEN::StandardLogSink {
   public:
