@@ -32,6 +32,7 @@
 #include "tolven/processmonitor.h"
 #include "tolven/quicklock.h"
 #include "tolven/refobj.h"
+#include "tolven/regcounters.h"
 #include "tolven/rwlock.h"
 #include "tolven/schedulehandler.h"
 #include "tolven/simplelogfile.h"
