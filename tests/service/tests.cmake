@@ -6,4 +6,5 @@ tolven_add_test(service CONCURRENCY SOURCES
     service/lifecycle_test.cpp
     service/config_test.cpp
     service/tick_test.cpp
+    service/builtins_test.cpp
     service/maint_test.cpp)

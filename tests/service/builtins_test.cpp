@@ -1,0 +1,119 @@
+// The built-in commands' answers, word for word.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <regex>
+#include <string>
+
+#include "service_test_util.h"
+#include "tolven/blobtyped.h"
+#include "tolven/regcounters.h"
+
+using namespace TOLVEN;
+
+namespace {
+
+class Value : public RegCounterEvents {
+  public:
+    explicit Value(uint64_t start) : value(start) {}
+    void AddValue(const char*, const char* field, _BLOB_INFO* blob) override {
+        (void)AddU64(blob, field, value.load());
+    }
+    void Reset() override { value = 0; }
+    std::atomic<uint64_t> value;
+};
+
+class Builtins : public ::testing::Test {
+  protected:
+    Builtins() {
+        config_ = MemoryConfigReader::CreateObject();
+        _BASICSRV_STARTUP_INFO info;
+        info.srvName = "builtins";
+        info.configReader = config_;
+        info.noFileLog = true;
+        srv_ = std::make_unique<BasicSrv>(info);
+    }
+    ~Builtins() override {
+        srv_.reset();
+        config_->Release();
+    }
+    // The answer without the blank lines the dispatcher puts around it.
+    std::string Run(const char* line) {
+        EXPECT_EQ(srv_->ProcessCommand(line, &out_, true, false, 0), basicsrv_success);
+        const std::string text = out_.Take();
+        return text.size() < 2 ? text : text.substr(1, text.size() - 2);
+    }
+    MemoryConfigReader* config_;
+    std::unique_ptr<BasicSrv> srv_;
+    svctest::TextWriter out_;
+};
+
+}  // namespace
+
+TEST_F(Builtins, LevelsUptimeLognAllocAndThreads) {
+    EXPECT_EQ(Run("filelevel"), "Current level = NORMAL");
+    EXPECT_EQ(Run("filelevel WARN"), "Current level = WARN");
+    EXPECT_EQ(Run("filelevel warning"),
+              "Invalid argument.  Expected { trace / normal / warning / error }.Current level = "
+              "WARN");
+    EXPECT_EQ(srv_->GetFileLoggingLevel(), LOGGER_WARN);
+    EXPECT_TRUE(std::regex_match(
+        Run("show uptime"),
+        std::regex(R"(up since \d\d/\d\d/\d{4} \d\d:\d\d:\d\d \(0 total hours\)\n)")));
+    const std::string version = Run("show version");
+    EXPECT_TRUE(version == "Error displaying version information" ||
+                version.rfind("Version ", 0) == 0)
+        << version;
+    EXPECT_EQ(Run("reset logn"), "Successfully reset Logn details\n");
+    EXPECT_EQ(Run("show logn"), "No Logn details found!\n");
+
+    const std::string table = Run("show alloc");
+    EXPECT_EQ(table.rfind("Name                |  Id  | Block Size | Free Blocks | Commit Mem | "
+                          "ReserveMem\n",
+                          0),
+              0u);
+    EXPECT_TRUE(std::regex_search(table, std::regex(R"(\nTotal: {36} *\d+ +\d+ +\d+\n$)")))
+        << table;
+    EXPECT_EQ(Run("show alloc 999999"), "Invalid blockallocator id '999999'.");
+    EXPECT_EQ(Run("show alloc 1 2"), "Expected <blockallocator id>\n");
+    EXPECT_TRUE(std::regex_search(Run("show threads"),
+                                  std::regex(R"(Total threads=\d+ spin threads=\d+$)")));
+}
+
+TEST_F(Builtins, CountersByGroupAndPrefix) {
+    csdb_context venue;
+    ASSERT_TRUE(RegisterGroup("venue", 7001, 0, &venue));
+    Value hits(3), quotes(9), fills(4);
+    ASSERT_TRUE(RegisterCounter("hits", 0, &hits, false, true));
+    ASSERT_TRUE(RegisterCounter("quotes", 7001, &quotes, true, false));
+    ASSERT_TRUE(RegisterCounter("fills", 7001, &fills, true, true));
+    ASSERT_TRUE(RegisterCounter("orphan", 7002, &fills, false, false));
+    EXPECT_EQ(Run("show counters"),
+              "\n[Default]\nhits {resetable} = 3\n"
+              "\n[venue]\nfills {published,resetable} = 4\nquotes {published} = 9\n"
+              "\n[unknown]\norphan = 4\n");
+    EXPECT_EQ(Run("show counters VEN q"), "\n[venue]\nquotes {published} = 9\n");
+    EXPECT_EQ(Run("reset counters venue quotes"),
+              "\nreseting counters:\nquotes(7001) is not resetable!\n0 counters reset.");
+    EXPECT_EQ(
+        Run("reset counters"),
+        "\nreseting counters:\nhits(0) was reset!\nfills(7001) was reset!\n2 counters reset.");
+    EXPECT_EQ(hits.value.load(), 0u);
+    EXPECT_TRUE(UnregisterCounter(&hits));
+    EXPECT_TRUE(UnregisterCounter(&quotes));
+    EXPECT_TRUE(UnregisterCounter(&fills));
+    EXPECT_TRUE(UnregisterGroup(venue));
+    EXPECT_EQ(Run("reset counters"), "\nreseting counters:\n0 counters reset.");
+}
+
+TEST_F(Builtins, ConfigShowsSectionsAndMasksSecrets) {
+    ASSERT_EQ(config_->WriteString("abc", "Host", "db1"), configreader_success);
+    ASSERT_EQ(config_->WriteString("abc", "DbPwd", "secret"), configreader_success);
+    ASSERT_EQ(config_->WriteString("x", "z", "1"), configreader_success);
+    EXPECT_EQ(Run("show config"),
+              "\n[abc]\n DbPwd=********\n Host=db1\n\n[x]\n z=1\n\n3 items displayed, 3 items "
+              "total\n");
+    EXPECT_EQ(Run("show config a"), "\n0 items displayed, 3 items total\n")
+        << "a section matches whole, not by prefix";
+    EXPECT_EQ(Run("show config x y"), "\n[x]\n\n0 items displayed, 3 items total\n");
+}
