@@ -469,6 +469,8 @@ class BasicSrv {
     ConfigReader* GetConfigReader() const;
     // Renames the service; null is ignored. The name with version stays as it was.
     void SetSrvName(const char* name);
+    // Logs the table of "show alloc" at NORMAL, a message a line.
+    void LogAllocList();
     // The lowest level the dated log file takes ("NORMAL" after construction, also with
     // noFileLog).
     logger_event_level GetFileLoggingLevel() const;

@@ -74,6 +74,14 @@ TEST_F(Builtins, LevelsUptimeLognAllocAndThreads) {
               0u);
     EXPECT_TRUE(std::regex_search(table, std::regex(R"(\nTotal: {36} *\d+ +\d+ +\d+\n$)")))
         << table;
+    {
+        svctest::LogCollector log(LOGGER_NORMAL);
+        srv_->LogAllocList();
+        const auto lines = log.Lines();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines.front().text + "\n", table.substr(0, table.find('\n') + 1));
+        EXPECT_EQ(lines.front().function, "TOLVEN::BasicSrvImpl::LogAllocList");
+    }
     EXPECT_EQ(Run("show alloc 999999"), "Invalid blockallocator id '999999'.");
     EXPECT_EQ(Run("show alloc 1 2"), "Expected <blockallocator id>\n");
     EXPECT_TRUE(std::regex_search(Run("show threads"),

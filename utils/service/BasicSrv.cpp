@@ -96,6 +96,9 @@ basicsrv_status BasicSrv::RegisterMaintenanceCommandEx(
 basicsrv_status BasicSrv::UnregisterMaintenanceCommand(const char* name) {
     return impl_->UnregisterMaintenanceCommand(name);
 }
+void BasicSrv::LogAllocList() {
+    impl_->LogAllocList();
+}
 logger_event_level BasicSrv::GetFileLoggingLevel() const {
     return impl_->GetFileLoggingLevel();
 }

@@ -101,6 +101,8 @@ class BasicSrvImpl {
     basicsrv_status RegisterMaintenanceCommand(const _REGISTER_MAINTENANCE_COMMAND_INFO& info);
     basicsrv_status RegisterMaintenanceCommandEx(const _REGISTER_MAINTENANCE_COMMAND_INFO_EX& info);
     basicsrv_status UnregisterMaintenanceCommand(const char* name);
+    // Logs the allocators' table at NORMAL, a message a line.
+    void LogAllocList();
     // The maint command: show, run, disable and enable.
     void MaintCommandLine(_BASICSRV_COMMAND_INFO& info);
 

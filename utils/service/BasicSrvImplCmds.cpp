@@ -363,6 +363,11 @@ basicsrv_status HelpCommand(_BASICSRV_COMMAND_INFO& info, void* context) {
 
 }  // namespace
 
+void BasicSrvImpl::LogAllocList() {
+    for (const std::string& line : AllocTable())
+        TOLVEN_LOG(LOGGER_NORMAL, kFile, "TOLVEN::BasicSrvImpl::LogAllocList", "%s", line.c_str());
+}
+
 void BasicSrvImpl::RegisterBuiltinCommands() {
     // Registration fails only for a name taken, which cannot happen in a new service.
     if (registerQuit_) {
