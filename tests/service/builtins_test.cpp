@@ -1,10 +1,13 @@
 // The built-in commands' answers, word for word.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <regex>
 #include <string>
 
+#include "log/logfile_test_util.h"
 #include "service_test_util.h"
 #include "tolven/blobtyped.h"
 #include "tolven/regcounters.h"
@@ -124,4 +127,40 @@ TEST_F(Builtins, ConfigShowsSectionsAndMasksSecrets) {
     EXPECT_EQ(Run("show config a"), "\n0 items displayed, 3 items total\n")
         << "a section matches whole, not by prefix";
     EXPECT_EQ(Run("show config x y"), "\n[x]\n\n0 items displayed, 3 items total\n");
+}
+
+TEST_F(Builtins, EmbeddedFilesAreFoundThroughLoopsAndShownMasked) {
+    tolven_test::ScratchDir dir;
+    const std::string a = dir / "a.ini", b = dir / "b.ini", c = dir / "c.txt";
+    std::ofstream(a) << "[files]\nnext=" << b << "\nDbPwd=" << c << "\nhost=db1\n";
+    std::ofstream(b) << "[back]\nloop=" << a << "\nuser.Password=x\n";
+    std::ofstream(c) << "plain text\n";
+    ASSERT_EQ(
+        config_->WriteString("main", "list", ("File Name=" + a + ", " + c + "|x.dat").c_str()),
+        configreader_success);
+    srv_.reset();
+    _BASICSRV_STARTUP_INFO info;
+    info.srvName = "builtins";
+    info.configReader = config_;
+    info.noFileLog = true;
+    srv_ = std::make_unique<BasicSrv>(info);
+
+    // a and c from the list; then b from a, a again from b, and so on past 100 items.
+    const std::string all = Run("show configs");
+    EXPECT_EQ(all.rfind("[1] main > list=" + a + "\n[2] main > list=" + c +
+                            "\n[3] main > list > "
+                            "files > next=" +
+                            b + "\n[4] main > list > files > next > back > loop=" + a + "\n",
+                        0),
+              0u)
+        << all;
+    const size_t count = static_cast<size_t>(std::count(all.begin(), all.end(), '\n'));
+    EXPECT_GT(count, 100u);
+    EXPECT_LT(count, 110u) << "the walk stops once more than 100 are known";
+
+    EXPECT_EQ(Run("show configs 1"),
+              "[1] main > list=" + a + "\n\n[files]\nnext=" + b + "\nDbPwd=********\nhost=db1\n");
+    EXPECT_EQ(Run("show configs 0002"), "[2] main > list=" + c + "\n\nplain text\n");
+    EXPECT_EQ(Run("show configs 9x"),
+              "Invalid index 162, maximum allowed " + std::to_string(count) + "!\n");
 }

@@ -67,9 +67,9 @@ class Dispatch : public ::testing::Test {
   protected:
     void SetUp() override {
         // Only help, ? and maint of the built-in commands stay; the tree below is the test's.
-        for (const char* name :
-             {"show uptime", "show version", "show alloc", "show threads", "show logn",
-              "reset logn", "filelevel", "show counters", "reset counters", "show config"})
+        for (const char* name : {"show uptime", "show version", "show alloc", "show threads",
+                                 "show logn", "reset logn", "filelevel", "show counters",
+                                 "reset counters", "show config", "show configs"})
             ASSERT_EQ(srv_.UnregisterCommand(name), basicsrv_success) << name;
         Register("show config", "Shows a configuration value.", "$COMMAND <section> <item>");
         Register("show counters", "Shows counters.", "");

@@ -248,10 +248,6 @@ void BasicSrvImpl::SetMaintenanceClockForTest(TimerClock* clock) {
     gMaintenanceClock.store(clock, std::memory_order_release);
 }
 
-// ---- seams -----------------------------------------------------------------------------
-// The discovery of embedded configuration files joins here.
-
-void BasicSrvImpl::DiscoverEmbeddedFiles() {}
 
 // ---- lifecycle -------------------------------------------------------------------------
 

@@ -32,6 +32,16 @@ struct MaintCommand {
     bool removed = false;  // unregistered while a tick walks the list
 };
 
+// A file named by a configuration value, found at construction.
+struct EmbeddedConfigItem {
+    uint64_t id = 0;    // from 1, in order of discovery
+    std::string label;  // "section > item", behind the label of the file that named it
+    std::string file;
+    uint32_t flags = 0;  // kEmbeddedVisited, kEmbeddedIsConfig
+};
+inline constexpr uint32_t kEmbeddedVisited = 1;
+inline constexpr uint32_t kEmbeddedIsConfig = 2;
+
 // Everything a BasicSrv holds. Safe for concurrent use without external locking: the state
 // lock guards the running flag, the two thread ids, the command tree and the active-command
 // map; the registration lock, always taken first, serialises registering and unregistering
@@ -101,6 +111,10 @@ class BasicSrvImpl {
     basicsrv_status RegisterMaintenanceCommand(const _REGISTER_MAINTENANCE_COMMAND_INFO& info);
     basicsrv_status RegisterMaintenanceCommandEx(const _REGISTER_MAINTENANCE_COMMAND_INFO_EX& info);
     basicsrv_status UnregisterMaintenanceCommand(const char* name);
+    // The embedded configuration files found at construction.
+    const std::map<uint64_t, EmbeddedConfigItem>& GetEmbeddedFiles() const { return embedded_; }
+    // The show configs command.
+    void ShowEmbeddedFiles(_BASICSRV_COMMAND_INFO& info);
     // Logs the allocators' table at NORMAL, a message a line.
     void LogAllocList();
     // The maint command: show, run, disable and enable.
@@ -137,6 +151,7 @@ class BasicSrvImpl {
     bool StartMaintenanceTimer();
     void StopMaintenanceTimer();
     void DiscoverEmbeddedFiles();
+    void ScanForEmbeddedFiles(ConfigReader& reader, const std::string* parentLabel);
     // The maintenance tick: due maintenance commands under the state lock, then the sinks.
     static unsigned int MaintenanceTick(void* self);
     void RunDueMaintenanceCommands();
@@ -185,6 +200,7 @@ class BasicSrvImpl {
     ConfigReader* configReader_ = nullptr;
     ConfigReader* maintConfigReader_ = nullptr;
     DatedFileLogger fileLogger_;
+    std::map<uint64_t, EmbeddedConfigItem> embedded_;
 };
 
 }  // namespace TOLVEN

@@ -341,6 +341,11 @@ basicsrv_status ShowConfigCommand(_BASICSRV_COMMAND_INFO& info, void* context) {
     return basicsrv_success;
 }
 
+basicsrv_status ShowConfigsCommand(_BASICSRV_COMMAND_INFO& info, void* context) {
+    static_cast<BasicSrvImpl*>(context)->ShowEmbeddedFiles(info);
+    return basicsrv_success;
+}
+
 basicsrv_status MaintCommandHandler(_BASICSRV_COMMAND_INFO& info, void* context) {
     static_cast<BasicSrvImpl*>(context)->MaintCommandLine(info);
     return basicsrv_success;
@@ -408,6 +413,10 @@ void BasicSrvImpl::RegisterBuiltinCommands() {
                            "show config <value> Shows a specific configuration value is value "
                            "is present.",
                            this, &ShowConfigCommand});
+    (void)RegisterCommand(
+        {"show configs", "Shows all configuration values of the embedded file specified by index.",
+         "show configs <index> Shows the content of embedded configuration file with given index",
+         this, &ShowConfigsCommand});
 }
 
 }  // namespace TOLVEN

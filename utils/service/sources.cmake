@@ -5,6 +5,7 @@ list(APPEND TOLVEN_SOURCES
     utils/service/BasicSrvImpl.cpp
     utils/service/BasicSrvImplDispatch.cpp
     utils/service/BasicSrvImplCmds.cpp
+    utils/service/BasicSrvImplConfigs.cpp
     utils/service/BasicSrvImplMaint.cpp
     utils/service/CommandTree.cpp
     utils/service/EventSink.cpp
