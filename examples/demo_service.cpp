@@ -91,6 +91,31 @@ class DemoApp : public BasicSrvEvents {
             if (service_.RegisterCommand(command) != basicsrv_success)
                 std::fprintf(stderr, "could not register %s\n", command.name);
         }
+        // Two live counters for show counters, in a group of their own.
+        const uint32_t group = GetNextRegGroupId();
+        (void)RegisterGroup("demo", group, 0, nullptr);
+        (void)RegisterCounter("ticks", group, &ticksCounter_, false, true);
+        (void)RegisterCounter("commands", group, &commandsCounter_, true, false);
+        // A maintenance command at midnight every day, caught up after a night the demo was
+        // down; maint run rollover runs it by hand.
+        _REGISTER_MAINTENANCE_COMMAND_INFO maint{};
+        maint.name = "rollover";
+        maint.help = "Starts a new day: the tick count goes back to zero.";
+        maint.help_ex = maint.help;
+        maint.start_time = {0, 0};
+        maint.end_time = {0, 0};
+        maint.run_if_missed = 1;
+        ParseRunDays(maint.run_days, "Su,M,Tu,W,Th,F,Sa");
+        maint.context = this;
+        maint.handler = &DemoApp::Rollover;
+        if (service_.RegisterMaintenanceCommand(maint) != basicsrv_success)
+            std::fprintf(stderr, "could not register the maintenance command\n");
+    }
+
+    // Gives the counters back before the service and the tables outlive them.
+    void UnregisterCounters() {
+        (void)UnregisterCounter(&ticksCounter_);
+        (void)UnregisterCounter(&commandsCounter_);
     }
 
     void OnBasicSrvStartup() override {
@@ -116,6 +141,27 @@ class DemoApp : public BasicSrvEvents {
     void CountCommand() { ++commands_; }
 
   private:
+    // A counter over one of the app's atomics.
+    class AtomicCounter : public RegCounterEvents {
+      public:
+        explicit AtomicCounter(std::atomic<uint64_t>& value) : value_(value) {}
+        void AddValue(const char*, const char* field, _BLOB_INFO* blob) override {
+            (void)AddU64(blob, field, value_.load());
+        }
+        void Reset() override { value_ = 0; }
+
+      private:
+        std::atomic<uint64_t>& value_;
+    };
+
+    static basicsrv_status Rollover(_BASICSRV_COMMAND_INFO& info, void* context) {
+        auto* self = static_cast<DemoApp*>(context);
+        const uint64_t was = self->ticks_.exchange(0);
+        (void)info.writer->FormatStatus("new day after %llu ticks\n",
+                                        static_cast<unsigned long long>(was));
+        return basicsrv_success;
+    }
+
     static void WorkerLoop(DemoApp* self) {
         EventDetectorType* detector = GetCachedDetectorType();
         (void)detector->Add(GetShutdownEvent());
@@ -189,6 +235,8 @@ class DemoApp : public BasicSrvEvents {
     std::atomic<uint64_t> ticks_{0};
     std::atomic<uint64_t> commands_{0};
     std::atomic<bool> stopped_{true};
+    AtomicCounter ticksCounter_{ticks_};
+    AtomicCounter commandsCounter_{commands_};
 };
 
 }  // namespace
@@ -222,6 +270,7 @@ int main(int argc, char** argv) {
         info.configReader = config;
         info.registerQuit = true;
         info.noFileLog = true;
+        info.createMaintConfig = true;  // "<config>_cmd.ini" keeps when rollover last ran
         BasicSrv service(info);
 
         DemoApp app(service, config);
@@ -248,6 +297,8 @@ int main(int argc, char** argv) {
             (void)service.Shutdown();
         }
         (void)service.RemoveSink(&app);
+        app.UnregisterCounters();
+        (void)service.UnregisterMaintenanceCommand("rollover");
     }
 
     (void)LogFlush();
