@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <atomic>
 #include <fstream>
+#include <map>
 #include <regex>
+#include <set>
+#include <sstream>
 #include <string>
 
 #include "log/logfile_test_util.h"
@@ -25,6 +28,46 @@ class Value : public RegCounterEvents {
     void Reset() override { value = 0; }
     std::atomic<uint64_t> value;
 };
+
+// A counter whose value is text.
+class TextValue : public RegCounterEvents {
+  public:
+    explicit TextValue(const char* text) : text_(text) {}
+    void AddValue(const char*, const char* field, _BLOB_INFO* blob) override {
+        (void)AddStr(blob, field, text_, 100);
+    }
+    void Reset() override {}
+
+  private:
+    const char* text_;
+};
+
+// Checks text against the exposition format's rules: every line a comment, a blank, or
+// `name{label="value",...} value`, and one "# TYPE" line a metric before its samples. Gives
+// the samples by metric name, or a failure.
+::testing::AssertionResult ParseExposition(const std::string& text,
+                                           std::map<std::string, std::string>* samples) {
+    static const std::regex kSample(
+        R"(([a-zA-Z_:][a-zA-Z0-9_:]*)(\{([a-zA-Z_][a-zA-Z0-9_]*="([^"\\\n]|\\.)*")(,[a-zA-Z_][a-zA-Z0-9_]*="([^"\\\n]|\\.)*")*\})? ([-+]?[0-9.eE+-]+|NaN|[-+]Inf))");
+    static const std::regex kType(R"(# TYPE ([a-zA-Z_:][a-zA-Z0-9_:]*) (counter|gauge|untyped))");
+    std::set<std::string> typed;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch m;
+        if (line.empty()) continue;
+        if (std::regex_match(line, m, kType)) {
+            if (!typed.insert(m[1]).second)
+                return ::testing::AssertionFailure() << "twice: " << line;
+            continue;
+        }
+        if (line[0] == '#') continue;
+        if (!std::regex_match(line, m, kSample))
+            return ::testing::AssertionFailure() << "not a sample: " << line;
+        if (typed.count(m[1]) == 0) return ::testing::AssertionFailure() << "untyped: " << line;
+        (*samples)[m[1]] = line;
+    }
+    return ::testing::AssertionSuccess();
+}
 
 class Builtins : public ::testing::Test {
   protected:
@@ -163,4 +206,27 @@ TEST_F(Builtins, EmbeddedFilesAreFoundThroughLoopsAndShownMasked) {
     EXPECT_EQ(Run("show configs 0002"), "[2] main > list=" + c + "\n\nplain text\n");
     EXPECT_EQ(Run("show configs 9x"),
               "Invalid index 162, maximum allowed " + std::to_string(count) + "!\n");
+}
+
+TEST_F(Builtins, MetricsFollowTheExpositionFormat) {
+    csdb_context group;
+    ASSERT_TRUE(RegisterGroup("venue \"A\"", 7101, 0, &group));
+    Value orders(12), depth(5), hidden(1);
+    TextValue word("open");
+    ASSERT_TRUE(RegisterCounter("orders.sent", 7101, &orders, true, true));
+    ASSERT_TRUE(RegisterCounter("9depth", 7101, &depth, true, false));
+    ASSERT_TRUE(RegisterCounter("hidden", 7101, &hidden, false, true));
+    ASSERT_TRUE(RegisterCounter("state", 7101, &word, true, false));
+    std::map<std::string, std::string> samples;
+    const std::string text = Run("show metrics");
+    ASSERT_TRUE(ParseExposition(text, &samples)) << text;
+    EXPECT_EQ(samples.size(), 2u) << "published numbers only: " << text;
+    EXPECT_EQ(samples["orders_sent_total"], "orders_sent_total{group=\"venue \\\"A\\\"\"} 12");
+    EXPECT_EQ(samples["_9depth"], "_9depth{group=\"venue \\\"A\\\"\"} 5");
+    EXPECT_NE(text.find("# TYPE orders_sent_total counter\n"), std::string::npos);
+    EXPECT_NE(text.find("# TYPE _9depth gauge\n"), std::string::npos);
+    for (RegCounterEvents* sink :
+         std::initializer_list<RegCounterEvents*>{&orders, &depth, &hidden, &word})
+        EXPECT_TRUE(UnregisterCounter(sink));
+    EXPECT_TRUE(UnregisterGroup(group));
 }

@@ -69,7 +69,7 @@ class Dispatch : public ::testing::Test {
         // Only help, ? and maint of the built-in commands stay; the tree below is the test's.
         for (const char* name : {"show uptime", "show version", "show alloc", "show threads",
                                  "show logn", "reset logn", "filelevel", "show counters",
-                                 "reset counters", "show config", "show configs"})
+                                 "reset counters", "show config", "show configs", "show metrics"})
             ASSERT_EQ(srv_.UnregisterCommand(name), basicsrv_success) << name;
         Register("show config", "Shows a configuration value.", "$COMMAND <section> <item>");
         Register("show counters", "Shows counters.", "");

@@ -1,6 +1,7 @@
 // The commands every service answers, registered at construction.
 #include <cinttypes>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -303,6 +304,83 @@ basicsrv_status ResetCountersCommand(_BASICSRV_COMMAND_INFO& info, void*) {
     return basicsrv_success;
 }
 
+// A metric name from a counter or group name: letters, digits, '_' and ':' only, not
+// starting with a digit.
+std::string MetricName(const char* text) {
+    std::string out;
+    for (const char* c = text; *c != '\0'; ++c) {
+        const bool digit = *c >= '0' && *c <= '9';
+        const bool letter =
+            (*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || *c == '_' || *c == ':';
+        if (digit && out.empty()) out += '_';
+        out += letter || digit ? *c : '_';
+    }
+    return out.empty() ? std::string("_") : out;
+}
+
+// A label value with '\\', '"' and newlines escaped.
+std::string LabelValue(const char* text) {
+    std::string out;
+    for (const char* c = text; *c != '\0'; ++c) {
+        if (*c == '\\' || *c == '"') out += '\\';
+        if (*c == '\n') {
+            out += "\\n";
+            continue;
+        }
+        out += *c;
+    }
+    return out;
+}
+
+// True for a number the exposition format takes as a sample value.
+bool IsSampleValue(const char* text) {
+    if (*text == '\0') return false;
+    char* end = nullptr;
+    (void)std::strtod(text, &end);
+    return end != text && *end == '\0';
+}
+
+// The published counters in the text exposition format 0.0.4: one "# TYPE" line a metric,
+// then one sample a counter with its group as a label. A resetable counter only grows
+// between resets, so it is a counter named "..._total"; any other is a gauge.
+basicsrv_status ShowMetricsCommand(_BASICSRV_COMMAND_INFO& info, void*) {
+    _BLOB_INFO* scratch = nullptr;
+    if (CreateBlob(&scratch) != BLOB_STATUS_SUCCESS) return basicsrv_success;
+    std::map<std::string, std::string> types;                 // metric -> type
+    std::map<std::string, std::vector<std::string>> samples;  // metric -> sample lines
+    std::string group;
+    _BASICSRV_COMMAND_INFO all = info;
+    all.argc = 0;
+    (void)WalkCounters(
+        all, [&](const char* name) { group = name; },
+        [&](const _REGCOUNTERDB_ENTRY& row) {
+            if (!row.Publish || row.EventSink == nullptr) return true;
+            (void)Clear(scratch);
+            row.EventSink->AddValue(row.Name, row.Name, scratch);
+            char value[200] = {};
+            if (GetByNameStr(scratch, row.Name, value, sizeof value) != BLOB_STATUS_SUCCESS ||
+                !IsSampleValue(value))
+                return true;
+            std::string metric = MetricName(row.Name);
+            const std::string suffix = "_total";
+            if (row.Resetable &&
+                (metric.size() < suffix.size() ||
+                 metric.compare(metric.size() - suffix.size(), suffix.size(), suffix) != 0))
+                metric += suffix;
+            types.emplace(metric, row.Resetable ? "counter" : "gauge");
+            samples[metric].push_back(metric + "{group=\"" + LabelValue(group.c_str()) + "\"} " +
+                                      value);
+            return true;
+        });
+    (void)ReleaseBlob(&scratch);
+    for (const auto& [metric, type] : types) {
+        (void)info.writer->FormatStatus("# TYPE %s %s\n", metric.c_str(), type.c_str());
+        for (const std::string& line : samples[metric])
+            (void)info.writer->FormatStatus("%s\n", line.c_str());
+    }
+    return basicsrv_success;
+}
+
 basicsrv_status ShowConfigCommand(_BASICSRV_COMMAND_INFO& info, void* context) {
     BasicSrvStatusWriter& out = *info.writer;
     ConfigReader* reader = static_cast<BasicSrvImpl*>(context)->GetConfigReader();
@@ -413,6 +491,8 @@ void BasicSrvImpl::RegisterBuiltinCommands() {
                            "show config <value> Shows a specific configuration value is value "
                            "is present.",
                            this, &ShowConfigCommand});
+    constexpr const char* kMetrics = "Shows the published counters in the Prometheus text format.";
+    (void)RegisterCommand({"show metrics", kMetrics, kMetrics, this, &ShowMetricsCommand});
     (void)RegisterCommand(
         {"show configs", "Shows all configuration values of the embedded file specified by index.",
          "show configs <index> Shows the content of embedded configuration file with given index",
