@@ -32,7 +32,8 @@ basicsrv_status Handler(_BASICSRV_COMMAND_INFO& info, void* context) {
     Check(info.writer != nullptr && info.command != nullptr);
     Check(info.argc <= 20);
     Check((info.argc == 0) == (info.args == nullptr));
-    for (unsigned int i = 0; i < info.argc; ++i) Check(std::strlen(info.args[i]) < 4096);
+    for (unsigned int i = 0; i < info.argc; ++i)
+        Check(std::strlen(info.args[i]) < 4096);
     ++*static_cast<uint64_t*>(context);
     return info.writer->FormatStatus("%s %u", info.command, info.argc);
 }
@@ -63,7 +64,7 @@ class Service : public BasicSrv {
 Service& TheService(uint64_t* runs) {
     static Service* service = [runs] {
         auto* s = new Service;
-        for (const char* name : {"show config", "show counters", "show a b c", "admin kill",
+        for (const char* name : {"view config", "view counters", "show a b c", "admin kill",
                                  "admin reset all", "secret", "run", "\"q"}) {
             Check(s->RegisterCommand({name, "short $COMMAND help", "long $COMMAND", runs,
                                       &Handler}) == basicsrv_success);
@@ -107,6 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Check(count <= 3);
     if (ok && command == nullptr) Check(count == 0);
     const char* end = copy.data() + copy.size();
-    for (unsigned int i = 0; i < count; ++i) Check(args[i] >= copy.data() && args[i] <= end);
+    for (unsigned int i = 0; i < count; ++i)
+        Check(args[i] >= copy.data() && args[i] <= end);
     return 0;
 }
